@@ -1,0 +1,149 @@
+#!/bin/sh
+# Board build: cross-compile tavid for the box (32-bit ARM Linux, glibc, hard-float), run the
+# tests under qemu-arm and check the daemon binary.
+#
+#   scripts/build-board.sh               box paths (TAVID_HOST_ROOT=OFF) into build-board/;
+#                                        runs the unit tests
+#   scripts/build-board.sh --host-root   ARM binary that takes its paths from TAVID_ROOT
+#                                        (TAVID_HOST_ROOT=ON) into build-board-hostroot/; runs
+#                                        the unit tests and the integration suite, with the
+#                                        daemon started through qemu-arm (TAVID_LAUNCHER)
+#
+# Options: --no-tests (build and check only), -j N (parallel build jobs).
+# Environment: TAVID_SYSROOT (armhf sysroot, default sysroot-armhf in the repository root),
+# CTEST_PARALLEL_LEVEL (ctest's own).
+# Release with -Os; libstdc++ and libgcc are linked statically, so the daemon needs only
+# glibc, Jansson and zlib on the box.
+set -eu
+
+repo=$(cd "$(dirname "$0")/.." && pwd)
+host_root=OFF
+run_tests=1
+jobs=$(nproc 2>/dev/null || echo 2)
+
+usage() { sed -n '2,17s/^# \{0,1\}//p' "$0"; }
+while [ $# -gt 0 ]; do
+    case "$1" in
+        --host-root) host_root=ON ;;
+        --no-tests) run_tests=0 ;;
+        -j) [ $# -ge 2 ] || { usage >&2; exit 2; }; jobs=$2; shift ;;
+        -j*) jobs=${1#-j} ;;
+        -h|--help) usage; exit 0 ;;
+        *) printf 'build-board: unknown argument %s\n' "$1" >&2; usage >&2; exit 2 ;;
+    esac
+    shift
+done
+
+if [ "$host_root" = ON ]; then
+    build=$repo/build-board-hostroot
+else
+    build=$repo/build-board
+fi
+sysroot=${TAVID_SYSROOT:-$repo/sysroot-armhf}
+target=arm-linux-gnueabihf
+
+log() { printf 'build-board: %s\n' "$*"; }
+failures=
+fail() { printf 'build-board: FAIL: %s\n' "$*" >&2; failures="$failures
+  $*"; }
+
+if [ "$(id -u)" -eq 0 ]; then as_root=; elif command -v sudo >/dev/null 2>&1; then as_root=sudo; else as_root=; fi
+
+# Build tools of the build machine (the cross tools come with the sysroot script).
+missing=
+command -v cmake >/dev/null 2>&1 || missing="$missing cmake"
+command -v make >/dev/null 2>&1 || missing="$missing make"
+command -v file >/dev/null 2>&1 || missing="$missing file"
+[ -f /usr/src/googletest/CMakeLists.txt ] || missing="$missing googletest"
+if [ "$host_root" = ON ] && [ "$run_tests" = 1 ]; then
+    command -v python3 >/dev/null 2>&1 || missing="$missing python3"
+    python3 -c 'import pytest' >/dev/null 2>&1 || missing="$missing python3-pytest"
+fi
+if [ -n "$missing" ]; then
+    log "installing:$missing"
+    export DEBIAN_FRONTEND=noninteractive
+    $as_root apt-get update -q || log "warning: apt-get update reported errors; going on"
+    # shellcheck disable=SC2086
+    $as_root apt-get install -y -q --no-install-recommends $missing
+fi
+
+"$repo/scripts/armhf-sysroot.sh" "$sysroot"
+sysroot=$(cd "$sysroot" && pwd)
+
+configure() {
+    cmake -S "$repo" -B "$build" \
+        -DCMAKE_TOOLCHAIN_FILE="$repo/cmake/toolchain-armhf.cmake" \
+        -DTAVID_SYSROOT="$sysroot" \
+        -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_C_FLAGS_RELEASE="-Os -DNDEBUG" \
+        -DCMAKE_CXX_FLAGS_RELEASE="-Os -DNDEBUG" \
+        -DTAVID_HOST_ROOT="$host_root" \
+        -DTAVID_TESTS=ON \
+        "$@"
+}
+
+log "configuring $build (TAVID_HOST_ROOT=$host_root, sysroot $sysroot)"
+configure
+if [ "$host_root" = ON ]; then
+    # The integration suite starts the daemon itself; it goes through the same qemu-arm command
+    # that CTest uses for the unit tests (the toolchain file computes it).
+    qemu_command=$(sed -n 's/^TAVID_QEMU_COMMAND:STRING=//p' "$build/CMakeCache.txt")
+    [ -n "$qemu_command" ] || { echo "build-board: TAVID_QEMU_COMMAND missing from the cache" >&2; exit 1; }
+    configure -DTAVID_LAUNCHER="$qemu_command"
+    log "TAVID_LAUNCHER=$qemu_command"
+fi
+
+log "building with $jobs jobs"
+cmake --build "$build" -j "$jobs"
+
+if [ "$run_tests" = 1 ]; then
+    log "running the tests under qemu-arm"
+    if ! (cd "$build" && ctest --output-on-failure); then
+        fail "ctest reported failures (see above)"
+    fi
+fi
+
+# The daemon binary.
+bin=$(find "$build" -path "$build/CMakeFiles" -prune -o -path '*/CMakeFiles/*' -prune -o \
+        -type f -name tavid -perm -u+x -print | head -n 1)
+if [ -z "$bin" ]; then
+    fail "no tavid executable under $build"
+else
+    log "checking $bin"
+    file_out=$(file -b "$bin")
+    echo "  file: $file_out"
+    case "$file_out" in *"ELF 32-bit LSB"*) ;; *) fail "not a 32-bit little-endian ELF" ;; esac
+    case "$file_out" in *"ARM, EABI5"*) ;; *) fail "not ARM EABI5" ;; esac
+    case "$file_out" in *"dynamically linked"*) ;; *) fail "not dynamically linked" ;; esac
+    case "$file_out" in *"interpreter /lib/ld-linux-armhf.so.3"*) ;; *) fail "loader is not the hard-float /lib/ld-linux-armhf.so.3" ;; esac
+
+    vfp=$(readelf -A "$bin" | sed -n 's/^ *Tag_ABI_VFP_args: *//p')
+    echo "  Tag_ABI_VFP_args: ${vfp:-(absent)}"
+    [ "$vfp" = "VFP registers" ] || fail "not hard-float (Tag_ABI_VFP_args is '${vfp:-absent}')"
+
+    needed=$(readelf -d "$bin" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n' ' ')
+    echo "  NEEDED: $needed"
+    for lib in $needed; do
+        case "$lib" in
+            libc.so.6|libm.so.6|libpthread.so.0|libdl.so.2|librt.so.1|ld-linux-armhf.so.3) ;;  # glibc
+            libjansson.so.4|libz.so.1) ;;
+            *) fail "unexpected shared library $lib (the box has glibc, Jansson and zlib)" ;;
+        esac
+    done
+    if readelf -d "$bin" | grep -Eq '\((RPATH|RUNPATH)\)'; then
+        fail "binary carries an RPATH/RUNPATH: $(readelf -d "$bin" | grep -E '\((RPATH|RUNPATH)\)')"
+    fi
+    glibc=$(readelf -V "$bin" | grep -o 'GLIBC_[0-9][0-9.]*' | sort -uV | tail -n 1)
+    echo "  newest glibc symbol version needed: ${glibc:-none}"
+
+    stripped=$build/tavid.stripped
+    $target-strip -o "$stripped" "$bin"
+    echo "  size: $(stat -c %s "$bin") bytes, stripped $(stat -c %s "$stripped") bytes ($stripped)"
+    $target-size "$stripped" | sed 's/^/  /'
+fi
+
+if [ -n "$failures" ]; then
+    printf 'build-board: FAILED:%s\n' "$failures" >&2
+    exit 1
+fi
+log "OK ($build)"

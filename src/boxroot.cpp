@@ -1,0 +1,72 @@
+#include "boxroot.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include "dbg.h"
+
+#ifdef TAVID_HOST_ROOT
+
+static char boxroot[BOXROOT_PATH_LEN];
+
+int boxroot_init(void) {
+  const char* root = getenv("TAVID_ROOT");
+  struct stat st;
+  if (root == NULL || root[0] != '/' || strlen(root) >= sizeof(boxroot) ||
+      stat(root, &st) != 0 || !S_ISDIR(st.st_mode)) {
+    DBG_ERR("TAVID_ROOT must name an existing absolute directory (the simulated box)");
+    return -1;
+  }
+  snprintf(boxroot, sizeof(boxroot), "%s", root);
+  size_t len = strlen(boxroot);
+  while (len > 1 && boxroot[len - 1] == '/') boxroot[--len] = '\0';
+
+  const char* path = getenv("PATH");
+  size_t size = 2 * len + strlen("/sbin:/bin:") + (path ? strlen(path) : 0) + 1;
+  char* new_path = static_cast<char*>(malloc(size));
+  if (new_path == NULL) {
+    DBG_ERR("Could not set PATH for the box root");
+    return -1;
+  }
+  snprintf(new_path, size, "%s/sbin:%s/bin%s%s", boxroot, boxroot, path ? ":" : "", path ? path : "");
+  int rc = setenv("PATH", new_path, 1);
+  free(new_path);
+  return rc == 0 ? 0 : -1;
+}
+
+const char* boxroot_path(char* buf, size_t size, const char* box_path) {
+  snprintf(buf, size, "%s%s", box_path[0] == '/' ? boxroot : "", box_path);
+  return buf;
+}
+
+const char* boxroot_command(char* buf, size_t size, const char* box_command) {
+  size_t out = 0;
+  for (const char* p = box_command; *p != '\0' && out + 1 < size; p++) {
+    if (*p == '/' && (p == box_command || p[-1] == ' ')) {
+      size_t n = strlen(boxroot);
+      if (out + n + 1 >= size) break;
+      memcpy(buf + out, boxroot, n);
+      out += n;
+    }
+    buf[out++] = *p;
+  }
+  buf[out < size ? out : size - 1] = '\0';
+  return buf;
+}
+
+#else
+
+int boxroot_init(void) { return 0; }
+
+const char* boxroot_path(char* buf, size_t size, const char* box_path) {
+  snprintf(buf, size, "%s", box_path);
+  return buf;
+}
+
+const char* boxroot_command(char* buf, size_t size, const char* box_command) {
+  return boxroot_path(buf, size, box_command);
+}
+
+#endif

@@ -1,0 +1,3 @@
+#include "dbg.h"
+
+uint8_t verbose = 0;

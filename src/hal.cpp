@@ -1,0 +1,103 @@
+#include "hal.h"
+
+#include <stdlib.h>
+
+#include "dbg.h"
+
+lnklist_t hal = LNKLIST_INITIALIZER;
+
+static const hal_poll_ops_t* hal_poll_ops[HAL_OBJECT_TYPE_COUNT];
+
+/* The orders of the poll cycle: outputs sync before the multiplexers that feed them are looked
+ * at again, and HDMI inputs only take their changes in once everyone has seen them. */
+static constexpr hal_object_type_t hal_sync_order[] = {HAL_OUTPUT_IP, HAL_OUTPUT_RF, HAL_TSMUX_5X1};
+static constexpr hal_object_type_t hal_apply_order[] = {HAL_OUTPUT_IP, HAL_OUTPUT_RF, HAL_INPUT_HDMI};
+
+uint32_t hal_object_count_by_type(hal_object_type_t type) {
+  uint32_t count = 0;
+  lnklist_node_t* node;
+  FOREACH_NODE(&hal, node) {
+    if (reinterpret_cast<hal_object_t*>(node)->type == type) count++;
+  }
+  return count;
+}
+
+hal_object_t* hal_object_by_type(hal_object_type_t type, uint32_t id) {
+  lnklist_node_t* node;
+  FOREACH_NODE(&hal, node) {
+    hal_object_t* object = reinterpret_cast<hal_object_t*>(node);
+    if (object->type == type && id-- == 0) return object;
+  }
+  return NULL;
+}
+
+hal_object_t* hal_object_alloc(size_t size) { return static_cast<hal_object_t*>(calloc(1, size)); }
+
+void delete_hal_object(hal_object_t* object) {
+  if (object == NULL) return;
+  if (object->node.owner != NULL) lnklist_remove_node(object->node.owner, &object->node);
+  free(object);
+}
+
+void hal_cleanup(void) {
+  while (hal.head != NULL) {
+    hal_object_t* object = reinterpret_cast<hal_object_t*>(hal.head);
+    object->delete_(object);
+  }
+}
+
+void hal_poll_register(hal_object_type_t type, const hal_poll_ops_t* ops) {
+  if (type > HAL_NONE && type < HAL_OBJECT_TYPE_COUNT) hal_poll_ops[type] = ops;
+}
+
+static uint8_t hal_flag(hal_object_t* object, size_t offset) {
+  return *(reinterpret_cast<uint8_t*>(object) + offset);
+}
+
+/* Runs the change test of every object of a kind; calls `step` (sync or apply) on those that
+ * changed and owe it. Returns 1 when a step ran. */
+static int hal_poll_kind(hal_object_type_t type, int phase_sync) {
+  const hal_poll_ops_t* ops = hal_poll_ops[type];
+  if (ops == NULL) return 0;
+  const char* tag = phase_sync ? "SYNC_REQUIRED" : "APPLY_REQUIRED";
+  hal_err_t (*step)(hal_object_t*) = phase_sync ? ops->sync : ops->apply;
+  size_t flag = phase_sync ? ops->sync_required_offset : ops->apply_required_offset;
+  int ran = 0;
+  for (uint32_t id = 0; id < hal_object_count_by_type(type); id++) {
+    hal_object_t* object = hal_object_by_type(type, id);
+    if (object == NULL || !ops->changed(object) || !hal_flag(object, flag) || step == NULL) continue;
+    DBG_NL();
+    DBG_MSG("<%s> %s (%d)", tag, ops->name, static_cast<int>(id));
+    step(object);
+    ran = 1;
+    DBG_MSG("</%s> %s (%d)", tag, ops->name, static_cast<int>(id));
+    DBG_NL();
+  }
+  return ran;
+}
+
+static void hal_take_in_changes(hal_object_type_t type) {
+  const hal_poll_ops_t* ops = hal_poll_ops[type];
+  if (ops == NULL) return;
+  for (uint32_t id = 0; id < hal_object_count_by_type(type); id++) {
+    hal_object_t* object = hal_object_by_type(type, id);
+    if (object != NULL) ops->changed(object);
+  }
+}
+
+hal_err_t hal_poll(void) {
+  int synced = 0;
+  for (hal_object_type_t type : hal_sync_order) synced |= hal_poll_kind(type, 1);
+  hal_take_in_changes(HAL_INPUT_HDMI);
+  /* A sync rewrites transport streams that others read: let every consumer see it before
+   * anything is applied. The chain ends when a cycle syncs nothing. */
+  if (synced) return hal_poll();
+  for (hal_object_type_t type : hal_apply_order) hal_poll_kind(type, 0);
+  return HAL_OK;
+}
+
+/* Placeholder until the per-mode assembly exists: the box is built with an empty registry, so
+ * the daemon runs, answers and polls, with no hardware object to address yet. */
+hal_err_t hal_init_rf(void) { return HAL_OK; }
+hal_err_t hal_init_ip_spts(void) { return HAL_OK; }
+hal_err_t hal_init_ip_mpts(void) { return HAL_OK; }

@@ -1,0 +1,104 @@
+#include "hal_device.h"
+
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include "boxroot.h"
+#include "dbg.h"
+
+#define HAL_DEVICE_CMD_LEN 255
+
+hal_device_t* new_hal_device(alarm_led_t alarm_led, temp_sensor_t temp_sensor,
+                             hal_device_output_mode_t device_output_mode) {
+  hal_device_t* device = reinterpret_cast<hal_device_t*>(hal_object_alloc(sizeof(hal_device_t)));
+  if (device == NULL) {
+    DBG_WRN("Could not create");
+    return NULL;
+  }
+  device->hal_object.type = HAL_DEVICE;
+  device->hal_object.delete_ = delete_hal_device;
+  device->alarm_led = alarm_led;
+  device->temp_sensor = temp_sensor;
+  device->settings.output_mode = device_output_mode;
+  return device;
+}
+
+void delete_hal_device(hal_object_t* object) { delete_hal_object(object); }
+
+static const char* hal_device_mode_name(hal_device_output_mode_t output_mode) {
+  switch (output_mode) {
+    case HAL_DEVICE_IP_SPTS:
+      return "ip_spts";
+    case HAL_DEVICE_IP_MPTS:
+      return "ip_mpts";
+    case HAL_DEVICE_RF:
+      return "rf";
+  }
+  return NULL;
+}
+
+/* The stored settings are replaced by the new mode's defaults, then the daemon restarts in it. */
+hal_err_t hal_device_set_output_mode(hal_device_t* device, hal_device_output_mode_t output_mode) {
+  if (output_mode == device->settings.output_mode) return HAL_OK;
+  if (device->set.output_mode != NULL) {
+    device->hal_object.err = device->set.output_mode(device->hal_object.user, output_mode);
+    if (device->hal_object.err != HAL_OK) return device->hal_object.err;
+  }
+  const char* name = hal_device_mode_name(output_mode);
+  if (name == NULL) return device->hal_object.err = HAL_SETTING_OOB;
+  char box_command[HAL_DEVICE_CMD_LEN];
+  snprintf(box_command, sizeof(box_command), "cp -rf /opt/bin/default_settings_%s.conf /data/settings.conf", name);
+  char command[2 * BOXROOT_PATH_LEN];
+  int status = system(boxroot_command(command, sizeof(command), box_command));
+  if (((status >> 8) & 0xFF) != 0) return HAL_ERR;
+  raise(SIGUSR1);
+  device->settings.output_mode = output_mode;
+  return HAL_OK;
+}
+
+hal_err_t hal_device_get_output_mode(hal_device_t* device, hal_device_output_mode_t* output_mode) {
+  if (device->get.output_mode != NULL) {
+    device->hal_object.err = device->get.output_mode(device->hal_object.user, &device->settings.output_mode);
+    if (device->hal_object.err != HAL_OK) return device->hal_object.err;
+  }
+  *output_mode = device->settings.output_mode;
+  return device->hal_object.err = HAL_OK;
+}
+
+static int hal_device_write_file(const char* box_path, const char* text) {
+  char path[BOXROOT_PATH_LEN];
+  FILE* file = fopen(boxroot_path(path, sizeof(path), box_path), "w");
+  if (file == NULL) return -1;
+  fputs(text, file);
+  fclose(file);
+  return 0;
+}
+
+/* The assembly always creates the device; without one (an empty registry) there is no LED. */
+hal_err_t hal_device_clear_alarm_led(hal_device_t* device) {
+  if (device == NULL) return HAL_ERR;
+  if (hal_device_write_file(device->alarm_led.trigger, "none") != 0) {
+    DBG_WRN("Could not open alarm led trigger...");
+    return device->hal_object.err = HAL_ERR;
+  }
+  if (hal_device_write_file(device->alarm_led.brightness, "0") != 0) {
+    DBG_WRN("Could not open alarm led brightness...");
+    return device->hal_object.err = HAL_ERR;
+  }
+  return device->hal_object.err = HAL_OK;
+}
+
+hal_err_t hal_device_update_temperature(hal_device_t* device) {
+  if (device == NULL) return HAL_ERR;
+  char path[BOXROOT_PATH_LEN];
+  FILE* file = fopen(boxroot_path(path, sizeof(path), device->temp_sensor.temperature), "r");
+  if (file == NULL) {
+    DBG_WRN("Could not open temp sensor...");
+    return device->hal_object.err = HAL_ERR;
+  }
+  int temperature = 0;
+  if (fscanf(file, "%d", &temperature) == 1) device->status.temperature = static_cast<uint32_t>(temperature);
+  fclose(file);
+  return device->hal_object.err = HAL_OK;
+}

@@ -1,0 +1,124 @@
+#include "inet.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include "dbg.h"
+
+namespace {
+struct addrinfo_deleter {
+  void operator()(struct addrinfo* list) const { freeaddrinfo(list); }
+};
+using addrinfo_ptr = std::unique_ptr<struct addrinfo, addrinfo_deleter>;
+
+/* Only IPv4 is served: IPv6 results are skipped. */
+const struct addrinfo* inet_first_ipv4(const struct addrinfo* list) {
+  for (; list != NULL; list = list->ai_next) {
+    if (list->ai_family == AF_INET) return list;
+  }
+  return NULL;
+}
+
+int inet_add_flags(int sock, int flags) {
+  int old = fcntl(sock, F_GETFL);
+  if (old < 0 || fcntl(sock, F_SETFL, old | flags) < 0) return -1;
+  return 0;
+}
+
+addrinfo_ptr inet_resolve(const char* str_addr, const char* str_port, int ai_flags) {
+  struct addrinfo hints;
+  memset(&hints, 0, sizeof(hints));
+  hints.ai_flags = ai_flags;
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  struct addrinfo* list = NULL;
+  if (getaddrinfo(str_addr, str_port, &hints, &list) != 0) return addrinfo_ptr();
+  return addrinfo_ptr(list);
+}
+}  // namespace
+
+char* inet_port_to_string(char* str_port, uint16_t port) {
+  snprintf(str_port, INET_PORT_STR_LEN, "%hu", port);
+  return str_port;
+}
+
+int inet_create_tcp_server_socket(const char* str_port, int flags) {
+  addrinfo_ptr list = inet_resolve(NULL, str_port, AI_PASSIVE | AI_ADDRCONFIG);
+  if (!list) {
+    DBG_WRN("Could not get address info");
+    return -1;
+  }
+  const struct addrinfo* ai = inet_first_ipv4(list.get());
+  if (ai == NULL) return -1;
+  int sock = socket(ai->ai_family, ai->ai_socktype, ai->ai_protocol);
+  if (sock < 0) {
+    DBG_WRN("Could not create socket");
+    return -1;
+  }
+  int reuse = 1;
+  if (inet_add_flags(sock, flags) < 0) {
+    DBG_WRN("Could not set socket flags");
+    inet_close_socket(sock);
+    return -1;
+  }
+  setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof(reuse));
+  if (bind(sock, ai->ai_addr, ai->ai_addrlen) < 0) {
+    DBG_WRN("Could not bind socket");
+  } else if (listen(sock, INET_BACKLOG) < 0) {
+    DBG_WRN("Could not listen on socket");
+  } else {
+    return sock;
+  }
+  inet_close_socket(sock);
+  return -1;
+}
+
+int inet_accept_tcp_client(int srv_sock, struct sockaddr* addr, socklen_t* length_ptr, int flags) {
+  int sock = accept(srv_sock, addr, length_ptr);
+  if (sock < 0) {
+    DBG_WRN("Could not accept");
+    return -1;
+  }
+  if (inet_add_flags(sock, flags) < 0) {
+    DBG_WRN("Could not set socket flags");
+    inet_close_socket(sock);
+    return -1;
+  }
+  return sock;
+}
+
+int inet_create_tcp_client_socket(const char* str_addr, const char* str_port, int flags) {
+  addrinfo_ptr list = inet_resolve(str_addr, str_port, 0);
+  if (!list) {
+    DBG_WRN("Could not get address info");
+    return -1;
+  }
+  const struct addrinfo* ai = inet_first_ipv4(list.get());
+  if (ai == NULL) return -1;
+  int sock = socket(ai->ai_family, ai->ai_socktype, ai->ai_protocol);
+  if (sock < 0) {
+    DBG_WRN("Could not create socket");
+    return -1;
+  }
+  if (connect(sock, ai->ai_addr, ai->ai_addrlen) < 0) {
+    DBG_WRN("Could not connect socket");
+  } else if (inet_add_flags(sock, flags) < 0) {
+    DBG_WRN("Could not set socket flags");
+  } else {
+    return sock;
+  }
+  inet_close_socket(sock);
+  return -1;
+}
+
+int inet_close_socket(int sock) {
+  if (close(sock) == 0 || errno == EBADF) return 0;
+  DBG_WRN("Could not close socket");
+  return -1;
+}

@@ -1,0 +1,271 @@
+"""Harness of the integration tests: the real daemon against the box simulator.
+
+Environment:
+  TAVID_BIN       the daemon binary; tests that run it are skipped when it is not set.
+  TAVID_LAUNCHER  optional command put in front of it, for a binary that is not the
+                  machine's own (for example "qemu-arm -L /usr/arm-linux-gnueabihf").
+
+Test modules import the helpers from here: `from conftest import request, run_tavid`.
+"""
+
+import os
+import shlex
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "sim"))
+import tavisim  # noqa: E402  (found through the path set just above)
+
+# Long enough for a daemon under emulation that waits on modules.
+REPLY_WAIT = 30.0
+START_WAIT = 20.0
+STOP_WAIT = 10.0
+TCP_LISTEN = "0A"  # socket state in /proc/net/tcp
+
+
+# ---------------------------------------------------------------------------------------------
+# The daemon's command line
+
+
+def tavid_bin() -> str:
+    path = os.environ.get("TAVID_BIN", "")
+    if not path:
+        pytest.skip("TAVID_BIN is not set: name the tavid binary to run the integration tests")
+    return path
+
+
+def launcher() -> list:
+    return shlex.split(os.environ.get("TAVID_LAUNCHER", ""))
+
+
+def daemon_env(root: str | None) -> dict:
+    """The daemon sees only the root and PATH; root None leaves TAVID_ROOT unset."""
+    env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin")}
+    if root is not None:
+        env["TAVID_ROOT"] = root
+    return env
+
+
+def run_tavid(args, root: str | None, timeout: float = STOP_WAIT):
+    """A run that should end by itself (option errors): (status, stdout, stderr)."""
+    done = subprocess.run([*launcher(), tavid_bin(), *args], env=daemon_env(root),
+                          stdin=subprocess.DEVNULL, capture_output=True, timeout=timeout)
+    return done.returncode, done.stdout, done.stderr
+
+
+def free_port() -> int:
+    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def tcp_listening(port: int) -> bool:
+    """Whether some socket listens on the port. Read from the kernel's tables rather than
+    probed with a connection: the daemon would take a probe for a request and answer it."""
+    for table in ("/proc/net/tcp", "/proc/net/tcp6"):
+        try:
+            with open(table, encoding="ascii") as rows:
+                next(rows)
+                for row in rows:
+                    local, state = row.split()[1], row.split()[3]
+                    if int(local.rsplit(":", 1)[1], 16) == port and state == TCP_LISTEN:
+                        return True
+        except FileNotFoundError:
+            continue
+    return False
+
+
+# ---------------------------------------------------------------------------------------------
+# A running daemon
+
+
+class Daemon:
+    """tavid started on a box: [launcher..., TAVID_BIN, "-c", port, *args], its standard
+    streams in the root's tavid.out and tavid.err."""
+
+    def __init__(self, box: tavisim.Box, args=(), port: int | None = None):
+        self.box = box
+        self.port = free_port() if port is None else port
+        self.args = ["-c", str(self.port), *args]
+        self.command = [*launcher(), tavid_bin(), *self.args]
+        self.out_path = box.path("tavid.out")
+        self.err_path = box.path("tavid.err")
+        self.process = None
+
+    def start(self):
+        # A restart through the init script brings the daemon back with the same options.
+        self.box.configure_restart(tavid_bin(), self.args, launcher())
+        with open(self.out_path, "wb") as out, open(self.err_path, "wb") as err:
+            self.process = subprocess.Popen(self.command, env=daemon_env(self.box.root),
+                                            stdin=subprocess.DEVNULL, stdout=out, stderr=err)
+        return self
+
+    def running(self) -> bool:
+        return self.process is not None and self.process.poll() is None
+
+    def wait_listening(self, timeout: float = START_WAIT):
+        deadline = time.monotonic() + timeout
+        while not tcp_listening(self.port):
+            if not self.running():
+                raise AssertionError(f"tavid ended (status {self.process.returncode}) before "
+                                     f"listening on {self.port}; stderr: {self.stderr()!r}")
+            if time.monotonic() > deadline:
+                raise AssertionError(f"tavid not listening on {self.port} after {timeout} s")
+            time.sleep(0.01)
+        return self
+
+    def send_signal(self, sig: int):
+        self.process.send_signal(sig)
+
+    def wait(self, timeout: float = STOP_WAIT) -> int:
+        """The exit status; the daemon is killed and the test fails when it does not end."""
+        try:
+            return self.process.wait(timeout)
+        except subprocess.TimeoutExpired:
+            self.kill()
+            raise AssertionError(f"tavid did not end within {timeout} s") from None
+
+    def stop(self, sig: int = signal.SIGTERM, timeout: float = STOP_WAIT) -> int:
+        self.send_signal(sig)
+        return self.wait(timeout)
+
+    def kill(self):
+        if self.running():
+            self.process.kill()
+            self.process.wait()
+
+    def stdout(self) -> bytes:
+        return Path(self.out_path).read_bytes()
+
+    def stderr(self) -> bytes:
+        return Path(self.err_path).read_bytes()
+
+
+def kill_restarted_daemons(box: tavisim.Box):
+    """Daemons that the init script started again (their pids in tavid.pid). A pid is killed
+    only while it still runs the daemon binary, never a process that reused the number."""
+    try:
+        pids = Path(box.path("tavid.pid")).read_text().split()
+    except FileNotFoundError:
+        return
+    binary = os.fsencode(os.environ.get("TAVID_BIN", ""))
+    for pid in map(int, pids):
+        try:
+            if binary and binary in Path(f"/proc/{pid}/cmdline").read_bytes():
+                os.kill(pid, signal.SIGKILL)
+        except (FileNotFoundError, ProcessLookupError):
+            continue
+
+
+# ---------------------------------------------------------------------------------------------
+# Talking to the command port
+
+
+def _connect(port: int, wait: float) -> socket.socket:
+    return socket.create_connection(("127.0.0.1", port), timeout=wait)
+
+
+def _read_until_closed(sock: socket.socket, wait: float) -> bytes:
+    deadline = time.monotonic() + wait
+    reply = bytearray()
+    while True:
+        sock.settimeout(max(deadline - time.monotonic(), 0.001))
+        try:
+            chunk = sock.recv(65536)
+        except socket.timeout:
+            raise TimeoutError(f"tavid did not close the connection within {wait} s; "
+                               f"received {bytes(reply)!r}") from None
+        if not chunk:
+            return bytes(reply)
+        reply += chunk
+
+
+def request(port: int, data: bytes, wait: float = REPLY_WAIT) -> bytes:
+    """One request as the daemon's clients send it: all bytes, no half-close (the daemon
+    reads until 50 ms of silence), then the reply until the daemon closes."""
+    with _connect(port, wait) as sock:
+        sock.sendall(data)
+        return _read_until_closed(sock, wait)
+
+
+def request_in_pieces(port: int, pieces, delay: float = 0.02, wait: float = REPLY_WAIT) -> bytes:
+    """The request in several sends, delay seconds apart."""
+    with _connect(port, wait) as sock:
+        for number, piece in enumerate(pieces):
+            if number:
+                time.sleep(delay)
+            sock.sendall(piece)
+        return _read_until_closed(sock, wait)
+
+
+def request_nothing(port: int, wait: float = REPLY_WAIT) -> bytes:
+    """Connects, sends nothing and reads what the daemon answers."""
+    with _connect(port, wait) as sock:
+        return _read_until_closed(sock, wait)
+
+
+def request_half_closed(port: int, data: bytes, wait: float = REPLY_WAIT) -> bytes:
+    """Sends, shuts the sending side down, then reads as request() does."""
+    with _connect(port, wait) as sock:
+        sock.sendall(data)
+        sock.shutdown(socket.SHUT_WR)
+        return _read_until_closed(sock, wait)
+
+
+def send_and_close(port: int, data: bytes):
+    """Sends and closes at once, without reading any reply."""
+    with _connect(port, REPLY_WAIT) as sock:
+        sock.sendall(data)
+
+
+# ---------------------------------------------------------------------------------------------
+# Fixtures
+
+
+@pytest.fixture
+def make_box():
+    """Factory of started boxes, make_box(mode="rf"), each in a short temporary root (the
+    bus socket path must stay short). Removed with everything the box started."""
+    boxes = []
+
+    def make(mode: str = "rf") -> tavisim.Box:
+        box = tavisim.Box(tempfile.mkdtemp(prefix="tv", dir="/tmp"), mode)
+        boxes.append(box)
+        return box.start()
+
+    yield make
+    for box in boxes:
+        kill_restarted_daemons(box)
+        box.stop()
+        shutil.rmtree(box.root, ignore_errors=True)
+
+
+@pytest.fixture
+def box(make_box) -> tavisim.Box:
+    return make_box("rf")
+
+
+@pytest.fixture
+def tavid(make_box):
+    """Factory tavid(box, args=(), port=None, listen=True) -> Daemon, started and, with
+    listen, listening. Every daemon is killed at the end of the test, before its box goes."""
+    tavid_bin()  # skips the test before anything starts when there is no daemon
+    daemons = []
+
+    def start(box: tavisim.Box, args=(), port: int | None = None, listen: bool = True) -> Daemon:
+        daemon = Daemon(box, args, port)
+        daemons.append(daemon)
+        daemon.start()
+        return daemon.wait_listening() if listen else daemon
+
+    yield start
+    for daemon in daemons:
+        daemon.kill()

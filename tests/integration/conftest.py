@@ -9,6 +9,7 @@ Test modules import the helpers from here: `from conftest import request, run_ta
 """
 
 import os
+import re
 import shlex
 import shutil
 import signal
@@ -269,3 +270,27 @@ def tavid(make_box):
     yield start
     for daemon in daemons:
         daemon.kill()
+
+
+# ---------------------------------------------------------------------------------------------
+# The daemon's log lines, as regular expressions that match them byte for byte but for the
+# source line number. Join them and match with re.fullmatch to check a whole stream.
+
+
+def wrn(function: str, text: str) -> bytes:
+    return (re.escape(b"\x1b[33mtavid [WRN]: Warning in function '" + function.encode() + b"' [line ")
+            + rb"\d+" + re.escape(b"]:\n\r\t" + text.encode() + b"\x1b[0m\n\r"))
+
+
+def err(function: str, text: str) -> bytes:
+    return (re.escape(b"\x1b[31mtavid [ERR]: Error in function '" + function.encode() + b"' [line ")
+            + rb"\d+" + re.escape(b"]:\n\r\t" + text.encode() + b"\x1b[0m\n\r"))
+
+
+def msg(text: str) -> bytes:
+    return re.escape(b"\x1b[0mtavid [MSG]: " + text.encode() + b"\x1b[0m\n\r")
+
+
+def matches(output: bytes, *lines: bytes) -> bool:
+    """The output is exactly these lines, in this order."""
+    return re.fullmatch(b"".join(lines), output) is not None

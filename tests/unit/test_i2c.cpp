@@ -35,7 +35,10 @@ class FakeBus {
  public:
   FakeBus() {
     char dir_template[] = "/tmp/i2cXXXXXX";
-    dir_ = mkdtemp(dir_template);
+    if (mkdtemp(dir_template) == NULL) {
+      return;
+    }
+    dir_ = dir_template;
     path_ = dir_ + "/bus";
     listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     struct sockaddr_un addr;
@@ -57,9 +60,13 @@ class FakeBus {
       close(wake_[0]);
       close(wake_[1]);
     }
-    close(listen_fd_);
-    unlink(path_.c_str());
-    rmdir(dir_.c_str());
+    if (listen_fd_ >= 0) {
+      close(listen_fd_);
+    }
+    if (!dir_.empty()) {
+      unlink(path_.c_str());
+      rmdir(dir_.c_str());
+    }
   }
 
   bool ready() const { return bound_; }

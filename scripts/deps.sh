@@ -1,0 +1,21 @@
+#!/bin/sh
+# Installs the Debian packages the host build and its tests need, when any is missing.
+# With "board", also what the 32-bit ARM build needs.
+set -eu
+
+packages="cmake make g++ pkg-config libjansson-dev zlib1g-dev googletest libgtest-dev libgmock-dev python3 python3-pytest procps"
+if [ "${1:-}" = "board" ]; then
+  packages="$packages g++-arm-linux-gnueabihf qemu-user file binutils-arm-linux-gnueabihf"
+fi
+
+missing=""
+for package in $packages; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing="$missing $package"
+done
+[ -z "$missing" ] && exit 0
+
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+echo "Installing:$missing"
+$sudo apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends $missing >/dev/null

@@ -1,0 +1,13 @@
+#!/bin/sh
+# Builds the host daemon with AddressSanitizer and UndefinedBehaviorSanitizer and runs every
+# test: the unit tests and the integration tests against the box simulator.
+set -eu
+cd "$(dirname "$0")/.."
+scripts/deps.sh
+build=build/test
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DTAVID_SANITIZE=ON >/dev/null
+cmake --build "$build" -j"$(nproc)"
+# Any sanitizer report fails the test that met it.
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+ctest --test-dir "$build" --output-on-failure -j"$(nproc)"

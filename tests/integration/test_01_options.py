@@ -1,0 +1,80 @@
+"""Command-line options: every refusal prints its error line and exits with status 0."""
+
+import signal
+import time
+
+import pytest
+
+from conftest import err, matches, run_tavid
+
+BAD_PORT = "Option '{}' recieved an invalid port number. Please use valid number between 0 and 65535."
+BAD_MODE = "Option '{}' received an unknown output mode. Please choose \"rf\", \"ip_spts\" or \"ip_mpts\"."
+
+
+@pytest.mark.parametrize("args, shown", [
+    (["-c", "65536"], "65536"),
+    (["-c", "12x"], "12x"),
+    (["-c", "-1"], "-1"),
+    (["-c", "4294967296"], "4294967296"),
+    (["-c99999"], "-c99999"),
+])
+def test_an_invalid_port_is_refused(box, args, shown):
+    status, out, errors = run_tavid(args, box.root)
+    assert status == 0
+    assert out == b""
+    assert matches(errors, err("main", BAD_PORT.format(shown))), errors
+
+
+@pytest.mark.parametrize("args, shown", [(["-m", "RF"], "RF"), (["-m", "ip"], "ip"), (["-mrf "], "-mrf ")])
+def test_an_unknown_mode_is_refused(box, args, shown):
+    status, out, errors = run_tavid(args, box.root)
+    assert status == 0
+    assert matches(errors, err("main", BAD_MODE.format(shown))), errors
+
+
+@pytest.mark.parametrize("option", ["-c", "-m"])
+def test_an_option_without_its_argument_is_refused(box, option):
+    status, _, errors = run_tavid(["-v", option], box.root)
+    assert status == 0
+    assert matches(errors, err("main", f"Option '{option}' requires an argument.")), errors
+
+
+@pytest.mark.parametrize("args, shown", [(["-x"], "-x"), (["--port", "1"], "--port"), (["-v", "-h"], "-h")])
+def test_an_unknown_option_is_refused(box, args, shown):
+    status, _, errors = run_tavid(args, box.root)
+    assert status == 0
+    assert matches(errors, err("main", f"Unknown option '{shown}'.")), errors
+
+
+def test_the_first_bad_option_stops_the_parse(box):
+    status, _, errors = run_tavid(["-m", "tv", "-c", "bad"], box.root)
+    assert status == 0
+    assert matches(errors, err("main", BAD_MODE.format("tv"))), errors
+
+
+@pytest.mark.parametrize("root", [None, "", "relative/root", "/no/such/box"])
+def test_without_a_box_root_the_host_build_refuses_to_start(root):
+    status, out, errors = run_tavid(["-c", "0"], root)
+    assert status == 0
+    assert out == b""
+    assert matches(errors, err("boxroot_init",
+                               "TAVID_ROOT must name an existing absolute directory (the simulated box)")), errors
+
+
+def test_an_empty_port_is_port_zero(box, tavid):
+    daemon = tavid(box, ["-c", ""], listen=False)
+    time.sleep(0.5)
+    assert daemon.running()
+    assert b"[ERR]" not in daemon.stderr()
+    assert daemon.stop(signal.SIGTERM) == 0
+
+
+def test_the_highest_port_is_accepted(box, tavid):
+    daemon = tavid(box, port=65535)
+    assert daemon.stop() == 0
+
+
+@pytest.mark.parametrize("mode", ["rf", "ip_spts", "ip_mpts"])
+def test_every_mode_starts(make_box, tavid, mode):
+    daemon = tavid(make_box(mode), ["-m", mode])
+    assert daemon.stop() == 0

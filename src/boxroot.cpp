@@ -14,8 +14,8 @@ static char boxroot[BOXROOT_PATH_LEN];
 int boxroot_init(void) {
   const char* root = getenv("TAVID_ROOT");
   struct stat st;
-  if (root == NULL || root[0] != '/' || strlen(root) >= sizeof(boxroot) ||
-      stat(root, &st) != 0 || !S_ISDIR(st.st_mode)) {
+  if (root == NULL || root[0] != '/' || strlen(root) >= sizeof(boxroot) || stat(root, &st) != 0 ||
+      !S_ISDIR(st.st_mode)) {
     DBG_ERR("TAVID_ROOT must name an existing absolute directory (the simulated box)");
     return -1;
   }

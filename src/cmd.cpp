@@ -39,6 +39,17 @@ cmd_err_t cmd_set_err(cmd_t* cmd, cmd_err_t err) {
   return err;
 }
 
+/* Every operation starts afresh on a valid TCP handle. */
+cmd_err_t cmd_begin(cmd_t* cmd, const char* func) {
+  if (cmd == NULL) {
+    DBG_WRN_AT(func, "Invalid handle");
+    return CMD_HANDLE_ERR;
+  }
+  cmd->err = CMD_OK;
+  if (cmd->if_type != CMD_IF_TCP) return cmd_set_err(cmd, CMD_IF_TYPE_UNKNOWN);
+  return CMD_OK;
+}
+
 long cmd_elapsed_us(const struct timespec* since) {
   struct timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
@@ -121,12 +132,8 @@ cmd_err_t cmd_serve_client(cmd_t* cmd, int client) {
 }  // namespace
 
 cmd_err_t cmd_open(cmd_t* cmd) {
-  if (cmd == NULL) {
-    DBG_WRN("Invalid handle");
-    return CMD_HANDLE_ERR;
-  }
-  cmd->err = CMD_OK;
-  if (cmd->if_type != CMD_IF_TCP) return cmd_set_err(cmd, CMD_IF_TYPE_UNKNOWN);
+  cmd_err_t err = cmd_begin(cmd, "cmd_open");
+  if (err != CMD_OK) return err;
   char str_port[INET_PORT_STR_LEN] = {0};
   inet_port_to_string(str_port, cmd->if_tcp.port);
   /* Bit 1 comes along with O_NONBLOCK; the status-flag call ignores it. */
@@ -139,12 +146,8 @@ cmd_err_t cmd_open(cmd_t* cmd) {
 }
 
 cmd_err_t cmd_poll(cmd_t* cmd, int timeout_ms) {
-  if (cmd == NULL) {
-    DBG_WRN("Invalid handle");
-    return CMD_HANDLE_ERR;
-  }
-  cmd->err = CMD_OK;
-  if (cmd->if_type != CMD_IF_TCP) return cmd_set_err(cmd, CMD_IF_TYPE_UNKNOWN);
+  cmd_err_t err = cmd_begin(cmd, "cmd_poll");
+  if (err != CMD_OK) return err;
   struct pollfd pfd = {cmd->if_tcp.srv_sock, POLLIN, 0};
   int ready = poll(&pfd, 1, timeout_ms);
   if (ready < 0) {
@@ -162,12 +165,8 @@ cmd_err_t cmd_poll(cmd_t* cmd, int timeout_ms) {
 }
 
 cmd_err_t cmd_close(cmd_t* cmd) {
-  if (cmd == NULL) {
-    DBG_WRN("Invalid handle");
-    return CMD_HANDLE_ERR;
-  }
-  cmd->err = CMD_OK;
-  if (cmd->if_type != CMD_IF_TCP) return cmd_set_err(cmd, CMD_IF_TYPE_UNKNOWN);
+  cmd_err_t err = cmd_begin(cmd, "cmd_close");
+  if (err != CMD_OK) return err;
   if (inet_close_socket(cmd->if_tcp.srv_sock) < 0) {
     DBG_WRN("%s - Could not close JSON command interface", cmd->name);
     return cmd_set_err(cmd, CMD_IF_ERR);

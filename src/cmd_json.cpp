@@ -205,9 +205,7 @@ cmd_json_err_t cmd_json_dispatch(json_t* reply, json_t* request) {
   return CMD_JSON_ACT_UNKNOWN;
 }
 
-char* cmd_json_dump(json_t* value) {
-  return value != NULL ? json_dumps(value, CMD_JSON_DUMP_FLAGS) : NULL;
-}
+char* cmd_json_dump(json_t* value) { return value != NULL ? json_dumps(value, CMD_JSON_DUMP_FLAGS) : NULL; }
 
 /* The reply object on success; otherwise the error or warning alone (the partial reply is
  * dropped). NULL when even that cannot be serialised. */
@@ -226,8 +224,8 @@ const cmd_json_object_t* cmd_json_object_by_name(const char* name) {
   return NULL;
 }
 
-cmd_json_err_t cmd_json_get_hal_object(hal_object_t** out, const cmd_json_object_t* row,
-                                       json_t* j_args, uint32_t* object_id) {
+cmd_json_err_t cmd_json_get_hal_object(hal_object_t** out, const cmd_json_object_t* row, json_t* j_args,
+                                       uint32_t* object_id) {
   if (row == NULL) return CMD_JSON_OBJ_UNKNOWN;
   if (row->hal_type == HAL_NONE) {
     *out = NULL;
@@ -362,7 +360,8 @@ const cmd_json_jerror_row_t cmd_json_jerrors[] = {
 };
 
 json_t* cmd_json_pack_jerror(int is_error, const char* description) {
-  if (is_error) return json_pack("{s:i, s:s}", "errorCode", ERROR_REQUEST_BADLY_FORMATTED, "description", description);
+  if (is_error)
+    return json_pack("{s:i, s:s}", "errorCode", ERROR_REQUEST_BADLY_FORMATTED, "description", description);
   return json_pack("{s:i, s:s}", "warningCode", WARNING_COMMAND_UNSUCCESSFUL, "description", description);
 }
 }  // namespace
@@ -390,7 +389,9 @@ uint8_t flag_restoring = 0;
 namespace {
 #define CMD_JSON_STORE_ID_LEN 4
 
-const char* cmd_settings_path(char* buf, size_t size) { return boxroot_path(buf, size, TAVID_CMD_SETTINGS_FILE); }
+const char* cmd_settings_path(char* buf, size_t size) {
+  return boxroot_path(buf, size, TAVID_CMD_SETTINGS_FILE);
+}
 
 cmd_json_err_t cmd_store_record(FILE* file, const cmd_json_object_t* row, hal_object_t* object, uint32_t n) {
   json_t* raw = NULL;
@@ -432,7 +433,8 @@ cmd_json_err_t cmd_restore_record(json_t* record) {
     return CMD_JSON_ERR;
   }
   text_ptr reply(cmd_json_handler(request.get()));
-  if (!reply || strcmp(reply.get(), "{}") != 0) DBG_WRN_AT("cmd_restore_settings", "Could not restore: %s", request.get());
+  if (!reply || strcmp(reply.get(), "{}") != 0)
+    DBG_WRN_AT("cmd_restore_settings", "Could not restore: %s", request.get());
   return CMD_JSON_OK;
 }
 }  // namespace
@@ -491,8 +493,8 @@ cmd_json_err_t cmd_restore_settings(hal_object_t*, json_t*) {
 namespace {
 constexpr const char* cmd_reset_level0[] = {"reboot", NULL};
 constexpr const char* cmd_reset_level1[] = {"rm -rf /data/interface.eth0 /data/network.conf", "reboot", NULL};
-constexpr const char* cmd_reset_level2[] = {"rm -rf /data/settings.conf /data/interface.eth1 /data/network_eth1.conf",
-                                            "reboot", NULL};
+constexpr const char* cmd_reset_level2[] = {
+    "rm -rf /data/settings.conf /data/interface.eth1 /data/network_eth1.conf", "reboot", NULL};
 constexpr const char* cmd_reset_level3[] = {"rm -rf /data/*", "reboot", NULL};
 constexpr const char* const* cmd_reset_levels[] = {cmd_reset_level0, cmd_reset_level1, cmd_reset_level2,
                                                    cmd_reset_level3};

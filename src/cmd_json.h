@@ -80,8 +80,8 @@ uint32_t cmd_json_strtou32(const char* text, char** end, int base);
 int32_t cmd_json_strtoi32(const char* text, char** end, int base);
 
 const cmd_json_object_t* cmd_json_object_by_name(const char* name);
-cmd_json_err_t cmd_json_get_hal_object(hal_object_t** out, const cmd_json_object_t* row,
-                                       json_t* j_args, uint32_t* object_id);
+cmd_json_err_t cmd_json_get_hal_object(hal_object_t** out, const cmd_json_object_t* row, json_t* j_args,
+                                       uint32_t* object_id);
 json_t* cmd_json_jerror(cmd_json_err_t err);
 
 /* The settings file and the reset levels: execute handlers of their rows. */

@@ -48,7 +48,8 @@ hal_err_t hal_device_set_output_mode(hal_device_t* device, hal_device_output_mod
   const char* name = hal_device_mode_name(output_mode);
   if (name == NULL) return device->hal_object.err = HAL_SETTING_OOB;
   char box_command[HAL_DEVICE_CMD_LEN];
-  snprintf(box_command, sizeof(box_command), "cp -rf /opt/bin/default_settings_%s.conf /data/settings.conf", name);
+  snprintf(box_command, sizeof(box_command), "cp -rf /opt/bin/default_settings_%s.conf /data/settings.conf",
+           name);
   char command[2 * BOXROOT_PATH_LEN];
   int status = system(boxroot_command(command, sizeof(command), box_command));
   if (((status >> 8) & 0xFF) != 0) return HAL_ERR;

@@ -41,6 +41,21 @@ addrinfo_ptr inet_resolve(const char* str_addr, const char* str_port, int ai_fla
   if (getaddrinfo(str_addr, str_port, &hints, &list) != 0) return addrinfo_ptr();
   return addrinfo_ptr(list);
 }
+/* The first IPv4 address of a stream service and a socket for it; `func` names the caller in
+ * warnings. The address stays valid while `list` lives. */
+int inet_socket(const char* func, const char* str_addr, const char* str_port, int ai_flags,
+                addrinfo_ptr* list, const struct addrinfo** ai) {
+  *list = inet_resolve(str_addr, str_port, ai_flags);
+  if (!*list) {
+    DBG_WRN_AT(func, "Could not get address info");
+    return -1;
+  }
+  *ai = inet_first_ipv4(list->get());
+  if (*ai == NULL) return -1;
+  int sock = socket((*ai)->ai_family, (*ai)->ai_socktype, (*ai)->ai_protocol);
+  if (sock < 0) DBG_WRN_AT(func, "Could not create socket");
+  return sock;
+}
 }  // namespace
 
 char* inet_port_to_string(char* str_port, uint16_t port) {
@@ -49,18 +64,11 @@ char* inet_port_to_string(char* str_port, uint16_t port) {
 }
 
 int inet_create_tcp_server_socket(const char* str_port, int flags) {
-  addrinfo_ptr list = inet_resolve(NULL, str_port, AI_PASSIVE | AI_ADDRCONFIG);
-  if (!list) {
-    DBG_WRN("Could not get address info");
-    return -1;
-  }
-  const struct addrinfo* ai = inet_first_ipv4(list.get());
-  if (ai == NULL) return -1;
-  int sock = socket(ai->ai_family, ai->ai_socktype, ai->ai_protocol);
-  if (sock < 0) {
-    DBG_WRN("Could not create socket");
-    return -1;
-  }
+  addrinfo_ptr list;
+  const struct addrinfo* ai = NULL;
+  int sock =
+      inet_socket("inet_create_tcp_server_socket", NULL, str_port, AI_PASSIVE | AI_ADDRCONFIG, &list, &ai);
+  if (sock < 0) return -1;
   int reuse = 1;
   if (inet_add_flags(sock, flags) < 0) {
     DBG_WRN("Could not set socket flags");
@@ -94,18 +102,10 @@ int inet_accept_tcp_client(int srv_sock, struct sockaddr* addr, socklen_t* lengt
 }
 
 int inet_create_tcp_client_socket(const char* str_addr, const char* str_port, int flags) {
-  addrinfo_ptr list = inet_resolve(str_addr, str_port, 0);
-  if (!list) {
-    DBG_WRN("Could not get address info");
-    return -1;
-  }
-  const struct addrinfo* ai = inet_first_ipv4(list.get());
-  if (ai == NULL) return -1;
-  int sock = socket(ai->ai_family, ai->ai_socktype, ai->ai_protocol);
-  if (sock < 0) {
-    DBG_WRN("Could not create socket");
-    return -1;
-  }
+  addrinfo_ptr list;
+  const struct addrinfo* ai = NULL;
+  int sock = inet_socket("inet_create_tcp_client_socket", str_addr, str_port, 0, &list, &ai);
+  if (sock < 0) return -1;
   if (connect(sock, ai->ai_addr, ai->ai_addrlen) < 0) {
     DBG_WRN("Could not connect socket");
   } else if (inet_add_flags(sock, flags) < 0) {

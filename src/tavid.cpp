@@ -52,8 +52,10 @@ static int tavid_parse_options(int argc, char** argv, tavid_output_mode_t* mode)
       case 'c':
         port = cmd_json_strtou32(optarg, &end, 10);
         if (end != optarg + strlen(optarg) || port >= 65536) {
-          DBG_ERR_AT("main", "Option '%s' recieved an invalid port number. Please use valid number between %d and %d.",
-                  argv[optind - 1], 0, 65535);
+          DBG_ERR_AT(
+              "main",
+              "Option '%s' recieved an invalid port number. Please use valid number between %d and %d.",
+              argv[optind - 1], 0, 65535);
           return -1;
         }
         cmd.if_tcp.port = static_cast<uint16_t>(port);
@@ -66,8 +68,10 @@ static int tavid_parse_options(int argc, char** argv, tavid_output_mode_t* mode)
         } else if (strcmp(optarg, "rf") == 0) {
           *mode = TAVID_RF;
         } else {
-          DBG_ERR_AT("main", "Option '%s' received an unknown output mode. Please choose \"rf\", \"ip_spts\" or \"ip_mpts\".",
-                  argv[optind - 1]);
+          DBG_ERR_AT("main",
+                     "Option '%s' received an unknown output mode. Please choose \"rf\", \"ip_spts\" or "
+                     "\"ip_mpts\".",
+                     argv[optind - 1]);
           return -1;
         }
         break;

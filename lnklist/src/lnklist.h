@@ -16,7 +16,8 @@ typedef struct lnklist_t {
   uint32_t node_count;
 } lnklist_t;
 
-#define LNKLIST_INITIALIZER {0, 0}
+#define LNKLIST_INITIALIZER \
+  { 0, 0 }
 
 /* Adds at the head: the newest node comes first. */
 void lnklist_push_node(lnklist_t* list, lnklist_node_t* node);

@@ -1,10 +1,10 @@
-#include "boxroot.h"
-
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <string>
+
+#include "boxroot.h"
 
 namespace {
 

@@ -1,5 +1,3 @@
-#include "cmd.h"
-
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -9,6 +7,7 @@
 
 #include <string>
 
+#include "cmd.h"
 #include "inet.h"
 
 namespace {
@@ -27,9 +26,13 @@ uint16_t bound_port(int sock) {
 
 TEST(Cmd, StrerrorTexts) {
   cmd_t cmd = closed_channel(0);
-  const char* texts[] = {"Command ok", "Command invalid handle", "Command interface error",
-                         "Command interface type unknown", "Command format unknown",
-                         "Command format handler error", "Command buffer error"};
+  const char* texts[] = {"Command ok",
+                         "Command invalid handle",
+                         "Command interface error",
+                         "Command interface type unknown",
+                         "Command format unknown",
+                         "Command format handler error",
+                         "Command buffer error"};
   for (int err = 0; err <= CMD_BUF_ERR; err++) {
     cmd.err = static_cast<cmd_err_t>(err);
     EXPECT_STREQ(cmd_strerror(&cmd), texts[err]);
@@ -98,7 +101,8 @@ TEST(Cmd, OneRequestOneReplyThenClosed) {
   char buf[256];
   ssize_t n;
   while ((n = recv(client, buf, sizeof(buf), 0)) > 0) reply.append(buf, static_cast<size_t>(n));
-  EXPECT_EQ(reply, "{\"errorCode\":5002,\"description\":\"JSON command requires valid arguments (JSON object)\"}");
+  EXPECT_EQ(reply,
+            "{\"errorCode\":5002,\"description\":\"JSON command requires valid arguments (JSON object)\"}");
   inet_close_socket(client);
   cmd_close(&cmd);
 }

@@ -1,5 +1,3 @@
-#include "cmd_json.h"
-
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
@@ -10,6 +8,7 @@
 #include <vector>
 
 #include "boxroot.h"
+#include "cmd_json.h"
 #include "dbg.h"
 
 namespace {
@@ -63,7 +62,8 @@ INSTANTIATE_TEST_SUITE_P(
                       u32_case{"010", CMD_JSON_OK, 8}, u32_case{"08", CMD_JSON_ARG_FRMT_ERR, 0},
                       u32_case{"12x", CMD_JSON_ARG_FRMT_ERR, 12}, u32_case{"", CMD_JSON_OK, 0},
                       u32_case{" 7", CMD_JSON_OK, 7}, u32_case{"7 ", CMD_JSON_ARG_FRMT_ERR, 7},
-                      u32_case{"-1", CMD_JSON_OK, 0xFFFFFFFFu}, u32_case{"4294967295", CMD_JSON_OK, 0xFFFFFFFFu},
+                      u32_case{"-1", CMD_JSON_OK, 0xFFFFFFFFu},
+                      u32_case{"4294967295", CMD_JSON_OK, 0xFFFFFFFFu},
                       u32_case{"4294967296", CMD_JSON_OK, 0xFFFFFFFFu},
                       u32_case{"-4294967295", CMD_JSON_OK, 1u},
                       u32_case{"99999999999999999999999", CMD_JSON_OK, 0xFFFFFFFFu},
@@ -86,7 +86,8 @@ TEST_P(StrargToI32, ConvertsWithAutomaticBase) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Texts, StrargToI32,
-                         ::testing::Values(i32_case{"-20", CMD_JSON_OK, -20}, i32_case{"-0x10", CMD_JSON_OK, -16},
+                         ::testing::Values(i32_case{"-20", CMD_JSON_OK, -20},
+                                           i32_case{"-0x10", CMD_JSON_OK, -16},
                                            i32_case{"2147483647", CMD_JSON_OK, INT32_MAX},
                                            i32_case{"2147483648", CMD_JSON_OK, INT32_MAX},
                                            i32_case{"-2147483649", CMD_JSON_OK, INT32_MIN},
@@ -106,7 +107,8 @@ TEST(CmdJsonStrarg, ReadsTheNamedMemberOfAnObject) {
 
 TEST(CmdJson, TranslatesHalErrors) {
   EXPECT_EQ(cmd_json_translate_hal_err(HAL_OK), CMD_JSON_OK);
-  for (hal_err_t err : {HAL_ERR, HAL_SETTING_OOB, HAL_I2C_ERR, HAL_MOD_TARN_ERR, HAL_TSMUX_ERR, HAL_QEL2IP_ERR}) {
+  for (hal_err_t err :
+       {HAL_ERR, HAL_SETTING_OOB, HAL_I2C_ERR, HAL_MOD_TARN_ERR, HAL_TSMUX_ERR, HAL_QEL2IP_ERR}) {
     EXPECT_EQ(cmd_json_translate_hal_err(err), CMD_JSON_UNSUCCESSFUL);
   }
 }
@@ -172,7 +174,8 @@ TEST(CmdJsonWalkers, GetBuildsKeysInTableOrderSkippingRowsWithoutGet) {
 }
 
 TEST(CmdJsonWalkers, GetReturnsAHandlerErrorAsItIs) {
-  const cmd_json_arg_t args_table[] = {{"ok", NULL, text_get, 0}, {"bad", NULL, failing_get, 0}, {NULL, NULL, NULL, 0}};
+  const cmd_json_arg_t args_table[] = {
+      {"ok", NULL, text_get, 0}, {"bad", NULL, failing_get, 0}, {NULL, NULL, NULL, 0}};
   json_t* raw = NULL;
   EXPECT_EQ(cmd_json_get_args(NULL, args_table, &raw), CMD_JSON_UNSUCCESSFUL);
   json_decref(raw);
@@ -201,23 +204,36 @@ INSTANTIATE_TEST_SUITE_P(
     Codes, JError,
     ::testing::Values(
         jerror_case{CMD_JSON_ERR, "{\"warningCode\":1103,\"description\":\"JSON error\"}"},
-        jerror_case{CMD_JSON_FRMT_ERR, "{\"errorCode\":5002,\"description\":\"JSON command is invalid (JSON object)\"}"},
-        jerror_case{CMD_JSON_ACT_FRMT_ERR,
-                    "{\"errorCode\":5002,\"description\":\"JSON command requires a valid action (JSON string)\"}"},
-        jerror_case{CMD_JSON_ACT_UNKNOWN, "{\"errorCode\":5002,\"description\":\"JSON command has an unknown action (act)\"}"},
-        jerror_case{CMD_JSON_OBJ_FRMT_ERR,
-                    "{\"errorCode\":5002,\"description\":\"JSON command requires a valid object (JSON string)\"}"},
-        jerror_case{CMD_JSON_OBJ_UNKNOWN, "{\"errorCode\":5002,\"description\":\"JSON command has an unknown object (obj)\"}"},
-        jerror_case{CMD_JSON_ARGS_FRMT_ERR,
-                    "{\"errorCode\":5002,\"description\":\"JSON command requires valid arguments (JSON object)\"}"},
-        jerror_case{CMD_JSON_ARG_FRMT_ERR, "{\"errorCode\":5002,\"description\":\"JSON command has an invalid argument (arg)\"}"},
-        jerror_case{CMD_JSON_ARG_OOB, "{\"errorCode\":5002,\"description\":\"JSON command argument out of bounds (arg)\"}"},
-        jerror_case{CMD_JSON_ARG_NOT_FOUND, "{\"errorCode\":5002,\"description\":\"JSON command argument not found (arg)\"}"},
-        jerror_case{CMD_JSON_ARG_MANDATORY,
-                    "{\"errorCode\":5002,\"description\":\"JSON command is missing a mandatory argument (arg)\"}"},
-        jerror_case{CMD_JSON_RPL_FRMT_ERR, "{\"warningCode\":1103,\"description\":\"JSON command unsuccessful (error: 8)\"}"},
-        jerror_case{CMD_JSON_UNSUCCESSFUL, "{\"warningCode\":1103,\"description\":\"JSON command unsuccessful (error: 13)\"}"},
-        jerror_case{CMD_JSON_FILE_ERR, "{\"warningCode\":1103,\"description\":\"JSON command unsuccessful (error: 14)\"}"},
+        jerror_case{CMD_JSON_FRMT_ERR,
+                    "{\"errorCode\":5002,\"description\":\"JSON command is invalid (JSON object)\"}"},
+        jerror_case{
+            CMD_JSON_ACT_FRMT_ERR,
+            "{\"errorCode\":5002,\"description\":\"JSON command requires a valid action (JSON string)\"}"},
+        jerror_case{CMD_JSON_ACT_UNKNOWN,
+                    "{\"errorCode\":5002,\"description\":\"JSON command has an unknown action (act)\"}"},
+        jerror_case{
+            CMD_JSON_OBJ_FRMT_ERR,
+            "{\"errorCode\":5002,\"description\":\"JSON command requires a valid object (JSON string)\"}"},
+        jerror_case{CMD_JSON_OBJ_UNKNOWN,
+                    "{\"errorCode\":5002,\"description\":\"JSON command has an unknown object (obj)\"}"},
+        jerror_case{
+            CMD_JSON_ARGS_FRMT_ERR,
+            "{\"errorCode\":5002,\"description\":\"JSON command requires valid arguments (JSON object)\"}"},
+        jerror_case{CMD_JSON_ARG_FRMT_ERR,
+                    "{\"errorCode\":5002,\"description\":\"JSON command has an invalid argument (arg)\"}"},
+        jerror_case{CMD_JSON_ARG_OOB,
+                    "{\"errorCode\":5002,\"description\":\"JSON command argument out of bounds (arg)\"}"},
+        jerror_case{CMD_JSON_ARG_NOT_FOUND,
+                    "{\"errorCode\":5002,\"description\":\"JSON command argument not found (arg)\"}"},
+        jerror_case{
+            CMD_JSON_ARG_MANDATORY,
+            "{\"errorCode\":5002,\"description\":\"JSON command is missing a mandatory argument (arg)\"}"},
+        jerror_case{CMD_JSON_RPL_FRMT_ERR,
+                    "{\"warningCode\":1103,\"description\":\"JSON command unsuccessful (error: 8)\"}"},
+        jerror_case{CMD_JSON_UNSUCCESSFUL,
+                    "{\"warningCode\":1103,\"description\":\"JSON command unsuccessful (error: 13)\"}"},
+        jerror_case{CMD_JSON_FILE_ERR,
+                    "{\"warningCode\":1103,\"description\":\"JSON command unsuccessful (error: 14)\"}"},
         jerror_case{static_cast<cmd_json_err_t>(99),
                     "{\"warningCode\":1103,\"description\":\"JSON command unsuccessful (error: 99)\"}"}));
 
@@ -232,12 +248,18 @@ TEST(CmdJsonJError, OkHasNoObjectAndANullNamePrintsAsNull) {
 /* ---- the object table ---- */
 
 TEST(CmdJsonObjects, HasTheTwentyFourRowsInOrder) {
-  const char* names[] = {"device_status", "device", "input_hdmi", "input_hdmi_enc", "input_hdmi_ts",
-                         "input_hdmi_services", "input_hdmi_streams", "input_hdmi_status", "debug_code",
-                         "output_calibration", "output_rf", "output_rf_mod", "output_rf_ts",
-                         "output_rf_services", "output_rf_status", "output_ip", "output_ip_dst", "output_ip_ts",
-                         "output_ip_services", "output_ip_status", "output_ip_ifconfig", "store_settings",
-                         "restore_settings", "reset"};
+  const char* names[] = {"device_status",      "device",
+                         "input_hdmi",         "input_hdmi_enc",
+                         "input_hdmi_ts",      "input_hdmi_services",
+                         "input_hdmi_streams", "input_hdmi_status",
+                         "debug_code",         "output_calibration",
+                         "output_rf",          "output_rf_mod",
+                         "output_rf_ts",       "output_rf_services",
+                         "output_rf_status",   "output_ip",
+                         "output_ip_dst",      "output_ip_ts",
+                         "output_ip_services", "output_ip_status",
+                         "output_ip_ifconfig", "store_settings",
+                         "restore_settings",   "reset"};
   for (int i = 0; i < CMD_JSON_OBJECT_COUNT; i++) {
     EXPECT_STREQ(cmd_json_objects[i].name, names[i]);
     EXPECT_EQ(cmd_json_object_by_name(names[i]), &cmd_json_objects[i]);
@@ -317,10 +339,12 @@ TEST_F(CmdJsonDispatch, ChecksComeInOrder) {
   EXPECT_EQ(handle(""), error("JSON command is invalid (JSON object)"));
   EXPECT_EQ(handle("[1]"), error("JSON command is invalid (JSON object)"));
   EXPECT_EQ(handle("{\"object\":\"x\"}"), error("JSON command requires a valid action (JSON string)"));
-  EXPECT_EQ(handle("{\"action\":5,\"args\":{}}"), error("JSON command requires a valid action (JSON string)"));
+  EXPECT_EQ(handle("{\"action\":5,\"args\":{}}"),
+            error("JSON command requires a valid action (JSON string)"));
   EXPECT_EQ(handle("{\"action\":\"get\",\"object\":\"device\"}"),
             error("JSON command requires valid arguments (JSON object)"));
-  EXPECT_EQ(handle("{\"action\":\"get\",\"args\":{}}"), error("JSON command requires a valid object (JSON string)"));
+  EXPECT_EQ(handle("{\"action\":\"get\",\"args\":{}}"),
+            error("JSON command requires a valid object (JSON string)"));
   EXPECT_EQ(handle("{\"action\":\"get\",\"object\":\"nothing\",\"args\":{}}"),
             error("JSON command has an unknown object (nothing)"));
   EXPECT_EQ(handle("{\"action\":\"set\",\"object\":\"device_status\",\"args\":{}}"),
@@ -340,7 +364,8 @@ TEST_F(CmdJsonDispatch, GetOfOneInstanceAddsItsIdLast) {
 }
 
 TEST_F(CmdJsonDispatch, GetWithoutIdEnumeratesEveryInstance) {
-  std::string all = "{\"arrayedResult\":[{\"value\":\"10\",\"output_id\":\"0\"},{\"value\":\"11\",\"output_id\":\"1\"}]}";
+  std::string all =
+      "{\"arrayedResult\":[{\"value\":\"10\",\"output_id\":\"0\"},{\"value\":\"11\",\"output_id\":\"1\"}]}";
   EXPECT_EQ(handle("{\"action\":\"get\",\"object\":\"output_rf\",\"args\":{}}"), all);
   EXPECT_EQ(handle("{\"action\":\"get\",\"object\":\"output_rf\",\"args\":{\"output_id\":\"7\"}}"), all);
   EXPECT_EQ(handle("{\"action\":\"get\",\"object\":\"output_rf\",\"args\":{\"output_id\":\"08\"}}"), all);
@@ -380,7 +405,9 @@ TEST_F(CmdJsonDispatch, AGetThatIsNeitherObjectNorArrayIsAWarning) {
 }
 
 TEST_F(CmdJsonDispatch, SetChangesTheNamedInstance) {
-  EXPECT_EQ(handle("{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"output_id\":\"1\",\"value\":\"99\"}}"), "{}");
+  EXPECT_EQ(
+      handle("{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"output_id\":\"1\",\"value\":\"99\"}}"),
+      "{}");
   EXPECT_EQ(outputs[1]->value, 99);
   EXPECT_EQ(outputs[0]->value, 10);
 }
@@ -388,8 +415,9 @@ TEST_F(CmdJsonDispatch, SetChangesTheNamedInstance) {
 TEST_F(CmdJsonDispatch, SetNeedsAValidId) {
   EXPECT_EQ(handle("{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"99\"}}"),
             error("JSON command is missing a mandatory argument (output_id)"));
-  EXPECT_EQ(handle("{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"output_id\":\"2\",\"value\":\"9\"}}"),
-            error("JSON command argument out of bounds (output_id)"));
+  EXPECT_EQ(
+      handle("{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"output_id\":\"2\",\"value\":\"9\"}}"),
+      error("JSON command argument out of bounds (output_id)"));
 }
 
 TEST_F(CmdJsonDispatch, ArrayedArgsApplyInOrderAndStopAtTheFirstError) {
@@ -402,9 +430,10 @@ TEST_F(CmdJsonDispatch, ArrayedArgsApplyInOrderAndStopAtTheFirstError) {
 }
 
 TEST_F(CmdJsonDispatch, ArgsAndArrayedArgsTogetherAreRefusedOnSet) {
-  EXPECT_EQ(handle("{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"output_id\":\"0\",\"value\":\"5\"},"
-                   "\"arrayedArgs\":[]}"),
-            error("JSON command requires valid arguments (JSON object)"));
+  EXPECT_EQ(
+      handle("{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"output_id\":\"0\",\"value\":\"5\"},"
+             "\"arrayedArgs\":[]}"),
+      error("JSON command requires valid arguments (JSON object)"));
   EXPECT_EQ(outputs[0]->value, 10);
   EXPECT_EQ(handle("{\"action\":\"set\",\"object\":\"output_rf\",\"arrayedArgs\":{}}"),
             error("JSON command requires valid arguments (JSON object)"));
@@ -474,17 +503,21 @@ TEST_F(CmdJsonSettings, StoreWritesOneSetRequestPerInstance) {
 }
 
 TEST_F(CmdJsonSettings, AnAcceptedSetRewritesTheFile) {
-  EXPECT_EQ(handle("{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"output_id\":\"0\",\"value\":\"7\"}}"), "{}");
-  EXPECT_EQ(settings(),
-            "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"7\",\"output_id\":\"0\"}}\n\r"
-            "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"11\",\"output_id\":\"1\"}}\n\r");
+  EXPECT_EQ(
+      handle("{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"output_id\":\"0\",\"value\":\"7\"}}"),
+      "{}");
+  EXPECT_EQ(
+      settings(),
+      "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"7\",\"output_id\":\"0\"}}\n\r"
+      "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"11\",\"output_id\":\"1\"}}\n\r");
 }
 
 TEST_F(CmdJsonSettings, AFailedStoreTurnsTheReplyIntoAWarningButKeepsTheChange) {
   ASSERT_EQ(rmdir((root + "/data").c_str()), 0);
   testing::internal::CaptureStderr();
-  EXPECT_EQ(handle("{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"output_id\":\"0\",\"value\":\"7\"}}"),
-            warning("JSON command unsuccessful (error: 14)"));
+  EXPECT_EQ(
+      handle("{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"output_id\":\"0\",\"value\":\"7\"}}"),
+      warning("JSON command unsuccessful (error: 14)"));
   EXPECT_NE(testing::internal::GetCapturedStderr().find("Could not open settings file for storing..."),
             std::string::npos);
   EXPECT_EQ(outputs[0]->value, 7);
@@ -498,10 +531,11 @@ TEST_F(CmdJsonSettings, AFailingStoreHandlerLeavesNoFile) {
 }
 
 TEST_F(CmdJsonSettings, RestoreReplaysRecordsUntilOneDoesNotParse) {
-  write_file(root + "/data/settings.conf",
-             "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"5\",\"output_id\":\"0\"}}\n\r"
-             "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"6\",\"output_id\":\"1\"}}\n\r"
-             "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"7\",\"outp\n\r");
+  write_file(
+      root + "/data/settings.conf",
+      "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"5\",\"output_id\":\"0\"}}\n\r"
+      "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"6\",\"output_id\":\"1\"}}\n\r"
+      "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"7\",\"outp\n\r");
   EXPECT_EQ(cmd_restore_settings(NULL, NULL), CMD_JSON_OK);
   EXPECT_EQ(outputs[0]->value, 5);
   EXPECT_EQ(outputs[1]->value, 6);
@@ -519,15 +553,18 @@ TEST_F(CmdJsonSettings, StoreThenRestoreReproducesTheSettings) {
 }
 
 TEST_F(CmdJsonSettings, ARecordThatIsRefusedIsReportedAndTheRestoreGoesOn) {
-  write_file(root + "/data/settings.conf",
-             "{\"action\":\"set\",\"object\":\"device\",\"args\":{\"output_mode\":\"rf\",\"device_id\":\"0\"}}\n\r"
-             "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"6\",\"output_id\":\"1\"}}\n\r");
+  write_file(
+      root + "/data/settings.conf",
+      "{\"action\":\"set\",\"object\":\"device\",\"args\":{\"output_mode\":\"rf\",\"device_id\":\"0\"}}\n\r"
+      "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"6\",\"output_id\":\"1\"}}\n\r");
   testing::internal::CaptureStderr();
   EXPECT_EQ(cmd_restore_settings(NULL, NULL), CMD_JSON_OK);
   std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_NE(err.find("\tCould not restore: {\"action\":\"set\",\"object\":\"device\",\"args\":{\"output_mode\":\"rf\","
-                     "\"device_id\":\"0\"}}\x1B[0m\n\r"),
-            std::string::npos)
+  EXPECT_NE(
+      err.find(
+          "\tCould not restore: {\"action\":\"set\",\"object\":\"device\",\"args\":{\"output_mode\":\"rf\","
+          "\"device_id\":\"0\"}}\x1B[0m\n\r"),
+      std::string::npos)
       << err;
   EXPECT_EQ(outputs[1]->value, 6);
 }
@@ -541,9 +578,10 @@ TEST_F(CmdJsonSettings, RestoreWithoutAFileFails) {
 }
 
 TEST_F(CmdJsonSettings, ARestoreInsideTheSettingsFileIsRefused) {
-  write_file(root + "/data/settings.conf",
-             "{\"action\":\"execute\",\"object\":\"restore_settings\",\"args\":{}}\n\r"
-             "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"6\",\"output_id\":\"1\"}}\n\r");
+  write_file(
+      root + "/data/settings.conf",
+      "{\"action\":\"execute\",\"object\":\"restore_settings\",\"args\":{}}\n\r"
+      "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"6\",\"output_id\":\"1\"}}\n\r");
   testing::internal::CaptureStderr();
   EXPECT_EQ(cmd_restore_settings(NULL, NULL), CMD_JSON_OK);
   EXPECT_NE(testing::internal::GetCapturedStderr().find("Could not restore: {\"action\":\"execute\""),

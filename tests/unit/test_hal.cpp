@@ -1,11 +1,10 @@
-#include "hal.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
 #include "dbg.h"
+#include "hal.h"
 
 namespace {
 
@@ -47,14 +46,30 @@ hal_err_t fake_apply(hal_object_t* object) {
   return HAL_OK;
 }
 
-const hal_poll_ops_t fake_ip_ops = {"hal_output_ip", fake_changed, fake_sync, fake_apply,
-                                    offsetof(fake_t, sync_required), offsetof(fake_t, apply_required)};
-const hal_poll_ops_t fake_rf_ops = {"hal_output_rf", fake_changed, fake_sync, fake_apply,
-                                    offsetof(fake_t, sync_required), offsetof(fake_t, apply_required)};
-const hal_poll_ops_t fake_mux_ops = {"hal_tsmux_5x1", fake_changed, fake_sync, NULL,
-                                     offsetof(fake_t, sync_required), offsetof(fake_t, apply_required)};
-const hal_poll_ops_t fake_hdmi_ops = {"hal_input_hdmi", fake_changed, NULL, fake_apply,
-                                      offsetof(fake_t, sync_required), offsetof(fake_t, apply_required)};
+const hal_poll_ops_t fake_ip_ops = {"hal_output_ip",
+                                    fake_changed,
+                                    fake_sync,
+                                    fake_apply,
+                                    offsetof(fake_t, sync_required),
+                                    offsetof(fake_t, apply_required)};
+const hal_poll_ops_t fake_rf_ops = {"hal_output_rf",
+                                    fake_changed,
+                                    fake_sync,
+                                    fake_apply,
+                                    offsetof(fake_t, sync_required),
+                                    offsetof(fake_t, apply_required)};
+const hal_poll_ops_t fake_mux_ops = {"hal_tsmux_5x1",
+                                     fake_changed,
+                                     fake_sync,
+                                     NULL,
+                                     offsetof(fake_t, sync_required),
+                                     offsetof(fake_t, apply_required)};
+const hal_poll_ops_t fake_hdmi_ops = {"hal_input_hdmi",
+                                      fake_changed,
+                                      NULL,
+                                      fake_apply,
+                                      offsetof(fake_t, sync_required),
+                                      offsetof(fake_t, apply_required)};
 
 int deletes;
 
@@ -72,7 +87,9 @@ fake_t* add_fake(hal_object_type_t type, int number) {
   return fake;
 }
 
-std::string msg(const std::string& text) { return std::string("\x1B[0mtavid [MSG]: ") + text + "\x1B[0m\n\r"; }
+std::string msg(const std::string& text) {
+  return std::string("\x1B[0mtavid [MSG]: ") + text + "\x1B[0m\n\r";
+}
 
 std::string step_lines(const std::string& tag, const std::string& kind, int id) {
   std::string suffix = kind + " (" + std::to_string(id) + ")";

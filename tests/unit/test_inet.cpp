@@ -1,5 +1,3 @@
-#include "inet.h"
-
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -7,6 +5,8 @@
 #include <unistd.h>
 
 #include <string>
+
+#include "inet.h"
 
 namespace {
 

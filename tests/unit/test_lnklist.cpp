@@ -1,6 +1,6 @@
-#include "lnklist.h"
-
 #include <gtest/gtest.h>
+
+#include "lnklist.h"
 
 namespace {
 

@@ -56,8 +56,9 @@ command -v make >/dev/null 2>&1 || missing="$missing make"
 command -v file >/dev/null 2>&1 || missing="$missing file"
 [ -f /usr/src/googletest/CMakeLists.txt ] || missing="$missing googletest"
 if [ "$host_root" = ON ] && [ "$run_tests" = 1 ]; then
-    command -v python3 >/dev/null 2>&1 || missing="$missing python3"
-    python3 -c 'import pytest' >/dev/null 2>&1 || missing="$missing python3-pytest"
+    # The integration test runs Debian's /usr/bin/python3, whatever python3 is first in PATH.
+    [ -x /usr/bin/python3 ] || missing="$missing python3"
+    /usr/bin/python3 -c 'import pytest' >/dev/null 2>&1 || missing="$missing python3-pytest"
 fi
 if [ -n "$missing" ]; then
     log "installing:$missing"
@@ -117,11 +118,11 @@ else
     case "$file_out" in *"dynamically linked"*) ;; *) fail "not dynamically linked" ;; esac
     case "$file_out" in *"interpreter /lib/ld-linux-armhf.so.3"*) ;; *) fail "loader is not the hard-float /lib/ld-linux-armhf.so.3" ;; esac
 
-    vfp=$(readelf -A "$bin" | sed -n 's/^ *Tag_ABI_VFP_args: *//p')
+    vfp=$($target-readelf -A "$bin" | sed -n 's/^ *Tag_ABI_VFP_args: *//p')
     echo "  Tag_ABI_VFP_args: ${vfp:-(absent)}"
     [ "$vfp" = "VFP registers" ] || fail "not hard-float (Tag_ABI_VFP_args is '${vfp:-absent}')"
 
-    needed=$(readelf -d "$bin" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n' ' ')
+    needed=$($target-readelf -d "$bin" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n' ' ')
     echo "  NEEDED: $needed"
     for lib in $needed; do
         case "$lib" in
@@ -130,10 +131,10 @@ else
             *) fail "unexpected shared library $lib (the box has glibc, Jansson and zlib)" ;;
         esac
     done
-    if readelf -d "$bin" | grep -Eq '\((RPATH|RUNPATH)\)'; then
-        fail "binary carries an RPATH/RUNPATH: $(readelf -d "$bin" | grep -E '\((RPATH|RUNPATH)\)')"
+    if $target-readelf -d "$bin" | grep -Eq '\((RPATH|RUNPATH)\)'; then
+        fail "binary carries an RPATH/RUNPATH: $($target-readelf -d "$bin" | grep -E '\((RPATH|RUNPATH)\)')"
     fi
-    glibc=$(readelf -V "$bin" | grep -o 'GLIBC_[0-9][0-9.]*' | sort -uV | tail -n 1)
+    glibc=$($target-readelf -V "$bin" | grep -o 'GLIBC_[0-9][0-9.]*' | sort -uV | tail -n 1)
     echo "  newest glibc symbol version needed: ${glibc:-none}"
 
     stripped=$build/tavid.stripped

@@ -17,5 +17,6 @@ done
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 echo "Installing:$missing"
-$sudo apt-get update -qq
+# One failing index (a mirror mid-sync) must not stop the install; missing packages still fail below.
+$sudo apt-get update -qq || echo "apt-get update reported errors; going on with the indexes it has"
 DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends $missing >/dev/null

@@ -1,6 +1,8 @@
 #include "hal.h"
 
 #include <stdlib.h>
+#include <string.h>
+#include <zlib.h>
 
 #include "dbg.h"
 
@@ -32,6 +34,48 @@ hal_object_t* hal_object_by_type(hal_object_type_t type, uint32_t id) {
 }
 
 hal_object_t* hal_object_alloc(size_t size) { return static_cast<hal_object_t*>(calloc(1, size)); }
+
+uint32_t hal_crc32(uint32_t crc, const void* data, size_t size) {
+  return static_cast<uint32_t>(crc32(crc, static_cast<const Bytef*>(data), static_cast<uInt>(size)));
+}
+
+uint8_t hal_settings_changed(const void* settings, size_t size, uint32_t* settings_crc, uint8_t update_crc) {
+  uint32_t crc = hal_crc32(static_cast<uint32_t>(crc32(0, NULL, 0)), settings, size);
+  if (crc == *settings_crc) return 0;
+  if (update_crc) *settings_crc = crc;
+  return 1;
+}
+
+/* A bounded copy that tolerates the same buffer on both sides: set_all and get_all hand the
+ * stored text to its own setter and getter. */
+static void hal_copy_text(char* to, const char* from, size_t size) {
+  if (size == 0) return;
+  size_t length = strnlen(from, size - 1);
+  memmove(to, from, length);
+  to[length] = '\0';
+}
+
+hal_err_t hal_set_text(hal_object_t* object, hal_err_t (*op)(void* user, const char* text), char* stored,
+                       size_t stored_size, const char* text) {
+  if (op != NULL) {
+    object->err = op(object->user, text);
+    if (object->err != HAL_OK) return object->err;
+  }
+  hal_copy_text(stored, text, stored_size);
+  object->err = HAL_OK;
+  return HAL_OK;
+}
+
+hal_err_t hal_get_text(hal_object_t* object, hal_err_t (*op)(void* user, char* text, size_t size), char* stored,
+                       char* text, size_t size, size_t copy_size) {
+  if (op != NULL) {
+    object->err = op(object->user, stored, size);
+    if (object->err != HAL_OK) return object->err;
+  }
+  hal_copy_text(text, stored, copy_size);
+  object->err = HAL_OK;
+  return HAL_OK;
+}
 
 void delete_hal_object(hal_object_t* object) {
   if (object == NULL) return;

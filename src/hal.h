@@ -69,6 +69,62 @@ hal_err_t hal_poll(void);
 /* A zero-filled record of the given size (the change checksums hash their bytes), or null. */
 hal_object_t* hal_object_alloc(size_t size);
 
+/* The change test of a settings group: the zlib crc32 of its bytes as held in memory, compared
+ * with the stored one and, when update_crc is set, taken in. Returns 1 on a change. */
+uint8_t hal_settings_changed(const void* settings, size_t size, uint32_t* settings_crc, uint8_t update_crc);
+uint32_t hal_crc32(uint32_t crc, const void* data, size_t size);
+
+/* The driver-first rule shared by every setter: the driver operation, when there is one, must
+ * accept the value before it is stored. `extra` are the arguments the operation takes between
+ * `user` and the value (a port, a tag). */
+template <typename T, typename Op, typename... Extra>
+hal_err_t hal_set_value(hal_object_t* object, Op op, T* stored, T value, Extra... extra) {
+  if (op != NULL) {
+    object->err = op(object->user, extra..., value);
+    if (object->err != HAL_OK) return object->err;
+  }
+  *stored = value;
+  object->err = HAL_OK;
+  return HAL_OK;
+}
+
+/* Every getter lets the driver refresh the stored value in place, then copies it out. */
+template <typename T, typename Op, typename... Extra>
+hal_err_t hal_get_value(hal_object_t* object, Op op, T* stored, T* value, Extra... extra) {
+  if (op != NULL) {
+    object->err = op(object->user, extra..., stored);
+    if (object->err != HAL_OK) return object->err;
+  }
+  *value = *stored;
+  object->err = HAL_OK;
+  return HAL_OK;
+}
+
+/* Text settings: stored NUL-terminated within their buffer, longer text cut. */
+hal_err_t hal_set_text(hal_object_t* object, hal_err_t (*op)(void* user, const char* text), char* stored,
+                       size_t stored_size, const char* text);
+/* The driver refreshes the stored text given the caller's size; the copy out is bounded by
+ * `copy_size`. */
+hal_err_t hal_get_text(hal_object_t* object, hal_err_t (*op)(void* user, char* text, size_t size), char* stored,
+                       char* text, size_t size, size_t copy_size);
+
+/* Pass-throughs that store nothing: the result of the operation, or HAL_OK without one. */
+template <typename Op, typename... Args>
+hal_err_t hal_pass(hal_object_t* object, Op op, Args... args) {
+  object->err = op != NULL ? op(object->user, args...) : HAL_OK;
+  return object->err;
+}
+
+/* The poll cycle's view of a kind's typed change test and steps. */
+template <typename T, uint8_t (*F)(T*)>
+uint8_t hal_poll_changed(hal_object_t* object) {
+  return F(reinterpret_cast<T*>(object));
+}
+template <typename T, hal_err_t (*F)(T*)>
+hal_err_t hal_poll_step(hal_object_t* object) {
+  return F(reinterpret_cast<T*>(object));
+}
+
 /* The assembly of the box for each output mode. */
 hal_err_t hal_init_rf(void);
 hal_err_t hal_init_ip_spts(void);

@@ -3,7 +3,7 @@
 # With "board", also what the 32-bit ARM build needs.
 set -eu
 
-packages="cmake make g++ pkg-config libjansson-dev zlib1g-dev googletest libgtest-dev libgmock-dev python3 python3-pytest procps"
+packages="cmake make g++ pkg-config libjansson-dev zlib1g-dev googletest libgtest-dev libgmock-dev python3 python3-pytest procps valgrind"
 if [ "${1:-}" = "board" ]; then
   packages="$packages g++-arm-linux-gnueabihf qemu-user file binutils-arm-linux-gnueabihf"
 fi

@@ -46,13 +46,14 @@ uint8_t hal_settings_changed(const void* settings, size_t size, uint32_t* settin
   return 1;
 }
 
-/* A bounded copy that tolerates the same buffer on both sides: set_all and get_all hand the
- * stored text to its own setter and getter. */
+/* A bounded copy that fills the rest of the buffer with NULs, so that equal texts leave equal
+ * bytes for the checksums. It tolerates the same buffer on both sides: set_all and get_all hand
+ * the stored text to its own setter and getter. */
 static void hal_copy_text(char* to, const char* from, size_t size) {
   if (size == 0) return;
   size_t length = strnlen(from, size - 1);
   memmove(to, from, length);
-  to[length] = '\0';
+  memset(to + length, 0, size - length);
 }
 
 hal_err_t hal_set_text(hal_object_t* object, hal_err_t (*op)(void* user, const char* text), char* stored,

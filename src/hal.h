@@ -115,6 +115,17 @@ hal_err_t hal_pass(hal_object_t* object, Op op, Args... args) {
   return object->err;
 }
 
+/* set_all and get_all: the steps in their order, stopping at the first that fails; the
+ * object's err then holds that failure. */
+template <typename T, size_t N>
+hal_err_t hal_run_all(T* object, hal_err_t (*const (&steps)[N])(T*)) {
+  for (hal_err_t (*step)(T*) : steps) {
+    if (step(object) != HAL_OK) return object->hal_object.err;
+  }
+  object->hal_object.err = HAL_OK;
+  return HAL_OK;
+}
+
 /* The poll cycle's view of a kind's typed change test and steps. */
 template <typename T, uint8_t (*F)(T*)>
 uint8_t hal_poll_changed(hal_object_t* object) {

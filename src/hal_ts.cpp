@@ -118,17 +118,6 @@ hal_err_t hal_service_get_enabled(hal_service_t* hal_service, uint8_t* enabled) 
 
 /* ---- whole records ---- */
 
-/* Runs the steps in order and stops at the first that fails; the record's err holds the last
- * result either way. */
-template <typename T, size_t N>
-static hal_err_t hal_run_all(T* record, hal_err_t (*const (&steps)[N])(T*)) {
-  for (hal_err_t (*step)(T*) : steps) {
-    if (step(record) != HAL_OK) return record->hal_object.err;
-  }
-  record->hal_object.err = HAL_OK;
-  return HAL_OK;
-}
-
 hal_err_t hal_ts_set_all(hal_ts_t* hal_ts) {
   static hal_err_t (*const steps[])(hal_ts_t*) = {
       [](hal_ts_t* t) { return hal_ts_set_tsid(t, t->settings.tsid); },

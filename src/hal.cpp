@@ -67,8 +67,8 @@ hal_err_t hal_set_text(hal_object_t* object, hal_err_t (*op)(void* user, const c
   return HAL_OK;
 }
 
-hal_err_t hal_get_text(hal_object_t* object, hal_err_t (*op)(void* user, char* text, size_t size), char* stored,
-                       char* text, size_t size, size_t copy_size) {
+hal_err_t hal_get_text(hal_object_t* object, hal_err_t (*op)(void* user, char* text, size_t size),
+                       char* stored, char* text, size_t size, size_t copy_size) {
   if (op != NULL) {
     object->err = op(object->user, stored, size);
     if (object->err != HAL_OK) return object->err;
@@ -76,6 +76,18 @@ hal_err_t hal_get_text(hal_object_t* object, hal_err_t (*op)(void* user, char* t
   hal_copy_text(text, stored, copy_size);
   object->err = HAL_OK;
   return HAL_OK;
+}
+
+hal_object_t* hal_object_create(size_t size, hal_object_type_t type, void (*delete_)(hal_object_t*),
+                                const char* func) {
+  hal_object_t* object = hal_object_alloc(size);
+  if (object == NULL) {
+    DBG_WRN_AT(func, "Could not create");
+    return NULL;
+  }
+  object->type = type;
+  object->delete_ = delete_;
+  return object;
 }
 
 void delete_hal_object(hal_object_t* object) {

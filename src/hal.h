@@ -68,6 +68,14 @@ hal_err_t hal_poll(void);
 
 /* A zero-filled record of the given size (the change checksums hash their bytes), or null. */
 hal_object_t* hal_object_alloc(size_t size);
+/* A zero-filled object of kind `type` with its delete operation, or null after the warning
+ * "Could not create" in the name of the constructor `func`. */
+hal_object_t* hal_object_create(size_t size, hal_object_type_t type, void (*delete_)(hal_object_t*),
+                                const char* func);
+template <typename T>
+T* hal_new(hal_object_type_t type, void (*delete_)(hal_object_t*), const char* func) {
+  return reinterpret_cast<T*>(hal_object_create(sizeof(T), type, delete_, func));
+}
 
 /* The change test of a settings group: the zlib crc32 of its bytes as held in memory, compared
  * with the stored one and, when update_crc is set, taken in. Returns 1 on a change. */
@@ -100,13 +108,23 @@ hal_err_t hal_get_value(hal_object_t* object, Op op, T* stored, T* value, Extra.
   return HAL_OK;
 }
 
+/* The setter and getter <prefix>_set_<field> and <prefix>_get_<field> of a <prefix>_t whose
+ * operations for the value are set.<op> and get.<op> and which keeps it in `stored`. */
+#define HAL_VALUE_ACCESSORS(prefix, field, op, stored, T)                                 \
+  hal_err_t prefix##_set_##field(prefix##_t* object, T value) {                           \
+    return hal_set_value<T>(&object->hal_object, object->set.op, &object->stored, value); \
+  }                                                                                       \
+  hal_err_t prefix##_get_##field(prefix##_t* object, T* value) {                          \
+    return hal_get_value<T>(&object->hal_object, object->get.op, &object->stored, value); \
+  }
+
 /* Text settings: stored NUL-terminated within their buffer, longer text cut. */
 hal_err_t hal_set_text(hal_object_t* object, hal_err_t (*op)(void* user, const char* text), char* stored,
                        size_t stored_size, const char* text);
 /* The driver refreshes the stored text given the caller's size; the copy out is bounded by
  * `copy_size`. */
-hal_err_t hal_get_text(hal_object_t* object, hal_err_t (*op)(void* user, char* text, size_t size), char* stored,
-                       char* text, size_t size, size_t copy_size);
+hal_err_t hal_get_text(hal_object_t* object, hal_err_t (*op)(void* user, char* text, size_t size),
+                       char* stored, char* text, size_t size, size_t copy_size);
 
 /* Pass-throughs that store nothing: the result of the operation, or HAL_OK without one. */
 template <typename Op, typename... Args>

@@ -11,13 +11,8 @@
 
 hal_device_t* new_hal_device(alarm_led_t alarm_led, temp_sensor_t temp_sensor,
                              hal_device_output_mode_t device_output_mode) {
-  hal_device_t* device = reinterpret_cast<hal_device_t*>(hal_object_alloc(sizeof(hal_device_t)));
-  if (device == NULL) {
-    DBG_WRN("Could not create");
-    return NULL;
-  }
-  device->hal_object.type = HAL_DEVICE;
-  device->hal_object.delete_ = delete_hal_device;
+  hal_device_t* device = hal_new<hal_device_t>(HAL_DEVICE, delete_hal_device, __func__);
+  if (device == NULL) return NULL;
   device->alarm_led = alarm_led;
   device->temp_sensor = temp_sensor;
   device->settings.output_mode = device_output_mode;

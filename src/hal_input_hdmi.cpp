@@ -12,34 +12,19 @@ static const hal_poll_ops_t hal_input_hdmi_poll_ops = {
 };
 
 hal_input_hdmi_t* new_hal_input_hdmi(void) {
-  hal_input_hdmi_t* hdmi = reinterpret_cast<hal_input_hdmi_t*>(hal_object_alloc(sizeof(hal_input_hdmi_t)));
-  if (hdmi == NULL) {
-    DBG_WRN("Could not create");
-    return NULL;
-  }
-  hdmi->hal_object.type = HAL_INPUT_HDMI;
-  hdmi->hal_object.delete_ = delete_hal_input_hdmi;
-  hal_poll_register(HAL_INPUT_HDMI, &hal_input_hdmi_poll_ops);
+  hal_input_hdmi_t* hdmi = hal_new<hal_input_hdmi_t>(HAL_INPUT_HDMI, delete_hal_input_hdmi, __func__);
+  if (hdmi != NULL) hal_poll_register(HAL_INPUT_HDMI, &hal_input_hdmi_poll_ops);
   return hdmi;
 }
 
 void delete_hal_input_hdmi(hal_object_t* object) {
-  hal_ts_t* tsout = reinterpret_cast<hal_input_hdmi_t*>(object)->tsout;
-  if (tsout != NULL && tsout->hal_object.delete_ != NULL) tsout->hal_object.delete_(&tsout->hal_object);
+  hal_ts_delete(reinterpret_cast<hal_input_hdmi_t*>(object)->tsout);
   delete_hal_object(object);
 }
 
-#define HAL_INPUT_HDMI_ACCESSORS(field, stored, T)                                              \
-  hal_err_t hal_input_hdmi_set_##field(hal_input_hdmi_t* hdmi, T value) {                       \
-    return hal_set_value<T>(&hdmi->hal_object, hdmi->set.field, &hdmi->settings.stored, value); \
-  }                                                                                             \
-  hal_err_t hal_input_hdmi_get_##field(hal_input_hdmi_t* hdmi, T* value) {                      \
-    return hal_get_value<T>(&hdmi->hal_object, hdmi->get.field, &hdmi->settings.stored, value); \
-  }
-
-HAL_INPUT_HDMI_ACCESSORS(video_bitrate, video_bitrate_kbps, uint16_t)
-HAL_INPUT_HDMI_ACCESSORS(video_gopsize, video_gopsize, uint8_t)
-HAL_INPUT_HDMI_ACCESSORS(audio_bitrate, audio_bitrate_kbps, uint16_t)
+HAL_VALUE_ACCESSORS(hal_input_hdmi, video_bitrate, video_bitrate, settings.video_bitrate_kbps, uint16_t)
+HAL_VALUE_ACCESSORS(hal_input_hdmi, video_gopsize, video_gopsize, settings.video_gopsize, uint8_t)
+HAL_VALUE_ACCESSORS(hal_input_hdmi, audio_bitrate, audio_bitrate, settings.audio_bitrate_kbps, uint16_t)
 
 hal_err_t hal_input_hdmi_set_all(hal_input_hdmi_t* hdmi) {
   static hal_err_t (*const steps[])(hal_input_hdmi_t*) = {

@@ -2,7 +2,7 @@
 
 #include "dbg.h"
 
-static const hal_ts_mirror_t hal_output_ip_mirror = {"hal_output_ip_sync", "D", "E"};
+static const hal_ts_mirror_t hal_output_ip_mirror = {"hal_output_ip_sync", "D", "E", ""};
 
 static const hal_poll_ops_t hal_output_ip_poll_ops = {
     "hal_output_ip",
@@ -13,27 +13,15 @@ static const hal_poll_ops_t hal_output_ip_poll_ops = {
     offsetof(hal_output_ip_t, apply_required)};
 
 hal_output_ip_t* new_hal_output_ip(hal_ts_t* tsin) {
-  hal_output_ip_t* out = reinterpret_cast<hal_output_ip_t*>(hal_object_alloc(sizeof(hal_output_ip_t)));
-  if (out == NULL) {
-    DBG_WRN("Could not create");
-    return NULL;
-  }
-  out->hal_object.type = HAL_OUTPUT_IP;
-  out->hal_object.delete_ = delete_hal_output_ip;
+  hal_output_ip_t* out = hal_ts_new_producer<hal_output_ip_t>(HAL_OUTPUT_IP, delete_hal_output_ip, __func__);
+  if (out == NULL) return NULL;
   out->tsin = tsin;
-  out->tsout = new_hal_ts();
-  if (out->tsout == NULL) {
-    DBG_WRN("Could not create");
-    delete_hal_output_ip(&out->hal_object);
-    return NULL;
-  }
   hal_poll_register(HAL_OUTPUT_IP, &hal_output_ip_poll_ops);
   return out;
 }
 
 void delete_hal_output_ip(hal_object_t* object) {
-  hal_ts_t* tsout = reinterpret_cast<hal_output_ip_t*>(object)->tsout;
-  if (tsout != NULL) tsout->hal_object.delete_(&tsout->hal_object);
+  hal_ts_delete(reinterpret_cast<hal_output_ip_t*>(object)->tsout);
   delete_hal_object(object);
 }
 
@@ -78,18 +66,7 @@ uint8_t hal_output_ip_changed(hal_output_ip_t* out) {
  * set on tsout back to whatever produces tsin. */
 hal_err_t hal_output_ip_sync(hal_output_ip_t* out) {
   DBG_MSG("<SYNC> hal_output_ip");
-  DBG_MSG("<SYNC_TSOUT>");
-  hal_ts_mirror_remove_stale(out->tsout, &out->tsin, 1, &hal_output_ip_mirror);
-  hal_ts_mirror_services(out->tsout, out->tsin, &hal_output_ip_mirror);
-  DBG_MSG("</SYNC_TSOUT>");
-  DBG_MSG("<SYNC_TSIN>");
-  /* What the producer of tsin answers does not stop the sync. */
-  hal_ts_mirror_identity(out->tsin, out->tsout);
-  DBG_MSG("");
-  hal_ts_mirror_enabled(out->tsin, out->tsout);
-  DBG_MSG("Update PSI");
-  hal_ts_sync_psi(out->tsin, out->tsout);
-  DBG_MSG("</SYNC_TSIN>");
+  hal_ts_mirror_output(out->tsin, out->tsout, &hal_output_ip_mirror);
   DBG_MSG("</SYNC> hal_output_ip");
   out->sync_required = 0;
   return out->hal_object.err = HAL_OK;

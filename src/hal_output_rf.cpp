@@ -15,52 +15,32 @@ static const hal_poll_ops_t hal_output_rf_poll_ops = {
 static const hal_ts_mirror_t hal_output_rf_mirror = {"hal_output_rf_sync", "F", "G"};
 
 hal_output_rf_t* new_hal_output_rf(hal_ts_t* tsin) {
-  hal_output_rf_t* rf = reinterpret_cast<hal_output_rf_t*>(hal_object_alloc(sizeof(hal_output_rf_t)));
-  if (rf == NULL) {
-    DBG_WRN("Could not create");
-    return NULL;
-  }
-  rf->hal_object.type = HAL_OUTPUT_RF;
-  rf->hal_object.delete_ = delete_hal_output_rf;
+  hal_output_rf_t* rf = hal_ts_new_producer<hal_output_rf_t>(HAL_OUTPUT_RF, delete_hal_output_rf, __func__);
+  if (rf == NULL) return NULL;
   rf->tsin = tsin;
-  rf->tsout = new_hal_ts();
-  if (rf->tsout == NULL) {
-    DBG_WRN("Could not create");
-    delete_hal_output_rf(&rf->hal_object);
-    return NULL;
-  }
   hal_poll_register(HAL_OUTPUT_RF, &hal_output_rf_poll_ops);
   return rf;
 }
 
 /* tsin belongs to whoever produces it. */
 void delete_hal_output_rf(hal_object_t* object) {
-  hal_ts_t* tsout = reinterpret_cast<hal_output_rf_t*>(object)->tsout;
-  if (tsout != NULL && tsout->hal_object.delete_ != NULL) tsout->hal_object.delete_(&tsout->hal_object);
+  hal_ts_delete(reinterpret_cast<hal_output_rf_t*>(object)->tsout);
   delete_hal_object(object);
 }
 
-#define HAL_OUTPUT_RF_ACCESSORS(field, stored, T)                                         \
-  hal_err_t hal_output_rf_set_##field(hal_output_rf_t* rf, T value) {                     \
-    return hal_set_value<T>(&rf->hal_object, rf->set.field, &rf->settings.stored, value); \
-  }                                                                                       \
-  hal_err_t hal_output_rf_get_##field(hal_output_rf_t* rf, T* value) {                    \
-    return hal_get_value<T>(&rf->hal_object, rf->get.field, &rf->settings.stored, value); \
-  }
-
-HAL_OUTPUT_RF_ACCESSORS(type, type, hal_output_type_t)
-HAL_OUTPUT_RF_ACCESSORS(level, level_dbm, int8_t)
-HAL_OUTPUT_RF_ACCESSORS(enable, enable, uint8_t)
-HAL_OUTPUT_RF_ACCESSORS(frequency, frequency_khz, uint32_t)
-HAL_OUTPUT_RF_ACCESSORS(bandwidth, bandwidth_mhz, uint8_t)
-HAL_OUTPUT_RF_ACCESSORS(symbolrate, symbolrate_kbaud, uint16_t)
-HAL_OUTPUT_RF_ACCESSORS(constellation, constellation, hal_constellation_t)
-HAL_OUTPUT_RF_ACCESSORS(guardinterval, guardinterval, hal_guardinterval_t)
-HAL_OUTPUT_RF_ACCESSORS(coderate, coderate, hal_coderate_t)
-HAL_OUTPUT_RF_ACCESSORS(fftmode, fftmode, hal_fftmode_t)
-HAL_OUTPUT_RF_ACCESSORS(carriertype, carriertype, hal_carriertype_t)
-HAL_OUTPUT_RF_ACCESSORS(interleave, interleave, hal_interleave_t)
-HAL_OUTPUT_RF_ACCESSORS(syncframe, syncframe, hal_syncframe_t)
+HAL_VALUE_ACCESSORS(hal_output_rf, type, type, settings.type, hal_output_type_t)
+HAL_VALUE_ACCESSORS(hal_output_rf, level, level, settings.level_dbm, int8_t)
+HAL_VALUE_ACCESSORS(hal_output_rf, enable, enable, settings.enable, uint8_t)
+HAL_VALUE_ACCESSORS(hal_output_rf, frequency, frequency, settings.frequency_khz, uint32_t)
+HAL_VALUE_ACCESSORS(hal_output_rf, bandwidth, bandwidth, settings.bandwidth_mhz, uint8_t)
+HAL_VALUE_ACCESSORS(hal_output_rf, symbolrate, symbolrate, settings.symbolrate_kbaud, uint16_t)
+HAL_VALUE_ACCESSORS(hal_output_rf, constellation, constellation, settings.constellation, hal_constellation_t)
+HAL_VALUE_ACCESSORS(hal_output_rf, guardinterval, guardinterval, settings.guardinterval, hal_guardinterval_t)
+HAL_VALUE_ACCESSORS(hal_output_rf, coderate, coderate, settings.coderate, hal_coderate_t)
+HAL_VALUE_ACCESSORS(hal_output_rf, fftmode, fftmode, settings.fftmode, hal_fftmode_t)
+HAL_VALUE_ACCESSORS(hal_output_rf, carriertype, carriertype, settings.carriertype, hal_carriertype_t)
+HAL_VALUE_ACCESSORS(hal_output_rf, interleave, interleave, settings.interleave, hal_interleave_t)
+HAL_VALUE_ACCESSORS(hal_output_rf, syncframe, syncframe, settings.syncframe, hal_syncframe_t)
 
 /* The modulator derives its level from the frequency: the frequency goes first. */
 hal_err_t hal_output_rf_set_all(hal_output_rf_t* rf) {
@@ -150,17 +130,7 @@ uint8_t hal_output_rf_changed(hal_output_rf_t* rf) {
  * on/off switch, the operator's only choices here, flow back into tsin and its PSI. */
 hal_err_t hal_output_rf_sync(hal_output_rf_t* rf) {
   DBG_MSG("<SYNC> hal_output_rf");
-  DBG_MSG("<SYNC_TSOUT>");
-  hal_ts_mirror_remove_stale(rf->tsout, &rf->tsin, 1, &hal_output_rf_mirror);
-  hal_ts_mirror_services(rf->tsout, rf->tsin, &hal_output_rf_mirror);
-  DBG_MSG("</SYNC_TSOUT>");
-  DBG_MSG("<SYNC_TSIN>");
-  /* A modulator refusing the identity does not stop the sync: the PSI still follows tsout. */
-  hal_ts_mirror_identity(rf->tsin, rf->tsout);
-  hal_ts_mirror_enabled(rf->tsin, rf->tsout);
-  DBG_MSG("Update PSI");
-  hal_ts_sync_psi(rf->tsin, rf->tsout);
-  DBG_MSG("</SYNC_TSIN>");
+  hal_ts_mirror_output(rf->tsin, rf->tsout, &hal_output_rf_mirror);
   DBG_MSG("</SYNC> hal_output_rf");
   rf->sync_required = 0;
   rf->hal_object.err = HAL_OK;

@@ -26,28 +26,25 @@ static void delete_hal_service(hal_object_t* object) {
 template <typename T>
 static T* hal_ts_record(hal_object_type_t type, void (*delete_)(hal_object_t*), uint32_t* counter,
                         lnklist_t* list, const char* func) {
-  T* record = reinterpret_cast<T*>(hal_object_alloc(sizeof(T)));
-  if (record == NULL) {
-    DBG_WRN_AT(func, "Could not create");
-    return NULL;
-  }
-  record->hal_object.type = type;
-  record->hal_object.delete_ = delete_;
+  T* record = hal_new<T>(type, delete_, func);
+  if (record == NULL) return NULL;
   record->tag = (*counter)++;
   if (list != NULL) lnklist_push_node(list, &record->hal_object.node);
   return record;
 }
 
-hal_ts_t* new_hal_ts(void) { return hal_ts_record<hal_ts_t>(HAL_TS, delete_hal_ts, &hal_ts_tag, NULL, __func__); }
+hal_ts_t* new_hal_ts(void) {
+  return hal_ts_record<hal_ts_t>(HAL_TS, delete_hal_ts, &hal_ts_tag, NULL, __func__);
+}
 
 hal_service_t* hal_ts_new_service(hal_ts_t* hal_ts) {
-  return hal_ts_record<hal_service_t>(HAL_SERVICE, delete_hal_service, &hal_service_tag, &hal_ts->service_list,
-                                      __func__);
+  return hal_ts_record<hal_service_t>(HAL_SERVICE, delete_hal_service, &hal_service_tag,
+                                      &hal_ts->service_list, __func__);
 }
 
 hal_stream_t* hal_service_new_stream(hal_service_t* hal_service) {
-  return hal_ts_record<hal_stream_t>(HAL_STREAM, delete_hal_object, &hal_stream_tag, &hal_service->stream_list,
-                                     __func__);
+  return hal_ts_record<hal_stream_t>(HAL_STREAM, delete_hal_object, &hal_stream_tag,
+                                     &hal_service->stream_list, __func__);
 }
 
 static void hal_delete_members(lnklist_t* list) {
@@ -57,43 +54,39 @@ static void hal_delete_members(lnklist_t* list) {
   }
 }
 
+void hal_ts_delete(hal_ts_t* hal_ts) {
+  if (hal_ts != NULL) hal_ts->hal_object.delete_(&hal_ts->hal_object);
+}
+
 void hal_ts_delete_services(hal_ts_t* hal_ts) { hal_delete_members(&hal_ts->service_list); }
 void hal_service_delete_streams(hal_service_t* hal_service) { hal_delete_members(&hal_service->stream_list); }
 
 /* ---- setters and getters ---- */
 
-#define HAL_TS_VALUE_ACCESSORS(record, field, op, stored, T)                              \
-  hal_err_t record##_set_##field(record##_t* object, T value) {                           \
-    return hal_set_value<T>(&object->hal_object, object->set.op, &object->stored, value); \
-  }                                                                                       \
-  hal_err_t record##_get_##field(record##_t* object, T* value) {                          \
-    return hal_get_value<T>(&object->hal_object, object->get.op, &object->stored, value); \
-  }
-
 #define HAL_TS_TEXT_ACCESSORS(record, field, op, stored)                                                    \
-  hal_err_t record##_set_##field(record##_t* object, const char* text) {                                  \
-    return hal_set_text(&object->hal_object, object->set.op, object->stored, HAL_TS_TEXT_SIZE, text);     \
-  }                                                                                                       \
-  hal_err_t record##_get_##field(record##_t* object, char* text, size_t size) {                           \
+  hal_err_t record##_set_##field(record##_t* object, const char* text) {                                    \
+    return hal_set_text(&object->hal_object, object->set.op, object->stored, HAL_TS_TEXT_SIZE, text);       \
+  }                                                                                                         \
+  hal_err_t record##_get_##field(record##_t* object, char* text, size_t size) {                             \
     return hal_get_text(&object->hal_object, object->get.op, object->stored, text, size, HAL_TS_TEXT_SIZE); \
   }
 
-HAL_TS_VALUE_ACCESSORS(hal_ts, tsid, tsid, settings.tsid, uint16_t)
-HAL_TS_VALUE_ACCESSORS(hal_ts, onid, onid, settings.onid, uint16_t)
-HAL_TS_VALUE_ACCESSORS(hal_ts, nid, nid, settings.nid, uint16_t)
-HAL_TS_VALUE_ACCESSORS(hal_ts, private_data_specifier, private_data_specifier, settings.private_data_specifier,
-                       uint32_t)
+HAL_VALUE_ACCESSORS(hal_ts, tsid, tsid, settings.tsid, uint16_t)
+HAL_VALUE_ACCESSORS(hal_ts, onid, onid, settings.onid, uint16_t)
+HAL_VALUE_ACCESSORS(hal_ts, nid, nid, settings.nid, uint16_t)
+HAL_VALUE_ACCESSORS(hal_ts, private_data_specifier, private_data_specifier, settings.private_data_specifier,
+                    uint32_t)
 HAL_TS_TEXT_ACCESSORS(hal_ts, network_name, network_name, settings.network_name)
-HAL_TS_VALUE_ACCESSORS(hal_ts, network_version, network_version, settings.network_version, uint8_t)
+HAL_VALUE_ACCESSORS(hal_ts, network_version, network_version, settings.network_version, uint8_t)
 
-HAL_TS_VALUE_ACCESSORS(hal_service, sid, sid, settings.sid, uint16_t)
+HAL_VALUE_ACCESSORS(hal_service, sid, sid, settings.sid, uint16_t)
 HAL_TS_TEXT_ACCESSORS(hal_service, name, service_name, settings.service_name)
-HAL_TS_VALUE_ACCESSORS(hal_service, lcn, lcn, settings.lcn, uint16_t)
-HAL_TS_VALUE_ACCESSORS(hal_service, pmt_pid, pmt_pid, settings.pmt_pid, uint16_t)
+HAL_VALUE_ACCESSORS(hal_service, lcn, lcn, settings.lcn, uint16_t)
+HAL_VALUE_ACCESSORS(hal_service, pmt_pid, pmt_pid, settings.pmt_pid, uint16_t)
 
-HAL_TS_VALUE_ACCESSORS(hal_stream, pid, pid, settings.pid, uint16_t)
-HAL_TS_VALUE_ACCESSORS(hal_stream, type, type, settings.type, hal_stream_type_t)
-HAL_TS_VALUE_ACCESSORS(hal_stream, bitrate, bitrate, settings.bitrate_kbps, uint16_t)
+HAL_VALUE_ACCESSORS(hal_stream, pid, pid, settings.pid, uint16_t)
+HAL_VALUE_ACCESSORS(hal_stream, type, type, settings.type, hal_stream_type_t)
+HAL_VALUE_ACCESSORS(hal_stream, bitrate, bitrate, settings.bitrate_kbps, uint16_t)
 
 /* The service type is taken as 16 bits and cut to the 8 it has. */
 hal_err_t hal_service_set_type(hal_service_t* hal_service, uint16_t type) {
@@ -102,18 +95,19 @@ hal_err_t hal_service_set_type(hal_service_t* hal_service, uint16_t type) {
 }
 
 hal_err_t hal_service_get_type(hal_service_t* hal_service, uint8_t* type) {
-  return hal_get_value<uint8_t>(&hal_service->hal_object, hal_service->get.type, &hal_service->settings.type, type);
+  return hal_get_value<uint8_t>(&hal_service->hal_object, hal_service->get.type, &hal_service->settings.type,
+                                type);
 }
 
 /* The driver switches a service by its tag. */
 hal_err_t hal_service_set_enabled(hal_service_t* hal_service, uint8_t enabled) {
-  return hal_set_value<uint8_t>(&hal_service->hal_object, hal_service->set.enabled, &hal_service->enabled, enabled,
-                                hal_service->tag);
+  return hal_set_value<uint8_t>(&hal_service->hal_object, hal_service->set.enabled, &hal_service->enabled,
+                                enabled, hal_service->tag);
 }
 
 hal_err_t hal_service_get_enabled(hal_service_t* hal_service, uint8_t* enabled) {
-  return hal_get_value<uint8_t>(&hal_service->hal_object, hal_service->get.enabled, &hal_service->enabled, enabled,
-                                hal_service->tag);
+  return hal_get_value<uint8_t>(&hal_service->hal_object, hal_service->get.enabled, &hal_service->enabled,
+                                enabled, hal_service->tag);
 }
 
 /* ---- whole records ---- */
@@ -198,7 +192,8 @@ static T* hal_find(lnklist_t* list, Match match) {
 }
 
 hal_service_t* hal_ts_find_service(hal_ts_t* hal_ts, uint16_t sid) {
-  return hal_find<hal_service_t>(&hal_ts->service_list, [sid](hal_service_t* s) { return s->settings.sid == sid; });
+  return hal_find<hal_service_t>(&hal_ts->service_list,
+                                 [sid](hal_service_t* s) { return s->settings.sid == sid; });
 }
 
 hal_service_t* hal_ts_find_service_by_tag(hal_ts_t* hal_ts, uint32_t tag) {
@@ -206,7 +201,8 @@ hal_service_t* hal_ts_find_service_by_tag(hal_ts_t* hal_ts, uint32_t tag) {
 }
 
 hal_stream_t* hal_service_find_stream(hal_service_t* hal_service, uint16_t pid) {
-  return hal_find<hal_stream_t>(&hal_service->stream_list, [pid](hal_stream_t* s) { return s->settings.pid == pid; });
+  return hal_find<hal_stream_t>(&hal_service->stream_list,
+                                [pid](hal_stream_t* s) { return s->settings.pid == pid; });
 }
 
 hal_stream_t* hal_service_find_stream_by_tag(hal_service_t* hal_service, uint32_t tag) {
@@ -248,7 +244,8 @@ uint8_t hal_service_changed(hal_service_t* hal_service, uint8_t update_crc) {
 
 uint8_t hal_ts_changed(hal_ts_t* hal_ts, uint8_t update_crc) {
   uint8_t changed = 0;
-  uint32_t crc = hal_crc32(static_cast<uint32_t>(crc32(0, NULL, 0)), &hal_ts->settings, sizeof(hal_ts->settings));
+  uint32_t crc =
+      hal_crc32(static_cast<uint32_t>(crc32(0, NULL, 0)), &hal_ts->settings, sizeof(hal_ts->settings));
   if (crc != hal_ts->settings_crc) {
     DBG_WRN("crc calc %d ; crc stored %d !!", static_cast<int>(crc), static_cast<int>(hal_ts->settings_crc));
     changed = 1;
@@ -349,10 +346,12 @@ void hal_ts_mirror_services(hal_ts_t* tsout, hal_ts_t* tsin, const hal_ts_mirror
 hal_err_t hal_ts_mirror_identity(hal_ts_t* to, hal_ts_t* from) {
   memcpy(&to->settings, &from->settings, sizeof(to->settings));
   hal_err_t err = hal_ts_set_all(to);
-  DBG_MSG("Update TSIN (TSID: %d, ONID: %d, NID: %d, private_data_spec: %d, network_name: \"%s\", "
-          "network_version: %d)",
-          to->settings.tsid, to->settings.onid, to->settings.nid, static_cast<int>(to->settings.private_data_specifier),
-          to->settings.network_name, to->settings.network_version);
+  DBG_MSG(
+      "Update TSIN (TSID: %d, ONID: %d, NID: %d, private_data_spec: %d, network_name: \"%s\", "
+      "network_version: %d)",
+      to->settings.tsid, to->settings.onid, to->settings.nid,
+      static_cast<int>(to->settings.private_data_specifier), to->settings.network_name,
+      to->settings.network_version);
   return err;
 }
 
@@ -368,4 +367,18 @@ uint8_t hal_ts_mirror_enabled(hal_ts_t* to, hal_ts_t* from) {
     if (service->enabled) any_enabled = 1;
   }
   return any_enabled;
+}
+
+void hal_ts_mirror_output(hal_ts_t* tsin, hal_ts_t* tsout, const hal_ts_mirror_t* mirror) {
+  DBG_MSG("<SYNC_TSOUT>");
+  hal_ts_mirror_remove_stale(tsout, &tsin, 1, mirror);
+  hal_ts_mirror_services(tsout, tsin, mirror);
+  DBG_MSG("</SYNC_TSOUT>");
+  DBG_MSG("<SYNC_TSIN>");
+  hal_ts_mirror_identity(tsin, tsout);
+  if (mirror->after_identity != NULL) DBG_MSG("%s", mirror->after_identity);
+  hal_ts_mirror_enabled(tsin, tsout);
+  DBG_MSG("Update PSI");
+  hal_ts_sync_psi(tsin, tsout);
+  DBG_MSG("</SYNC_TSIN>");
 }

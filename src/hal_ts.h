@@ -4,6 +4,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "dbg.h"
 #include "hal.h"
 
 #define HAL_TS_TEXT_SIZE 64
@@ -121,6 +122,21 @@ extern uint32_t hal_service_tag;
 extern uint32_t hal_stream_tag;
 
 hal_ts_t* new_hal_ts(void);
+/* Deletes a TS through its delete operation; null is allowed. */
+void hal_ts_delete(hal_ts_t* hal_ts);
+
+/* A new object of kind `type` together with the TS it offers (its `tsout`, which it owns);
+ * null when either cannot be created, the warning naming the constructor `func`. */
+template <typename T>
+T* hal_ts_new_producer(hal_object_type_t type, void (*delete_)(hal_object_t*), const char* func) {
+  T* object = hal_new<T>(type, delete_, func);
+  if (object == NULL) return NULL;
+  object->tsout = new_hal_ts();
+  if (object->tsout != NULL) return object;
+  DBG_WRN_AT(func, "Could not create");
+  delete_(&object->hal_object);
+  return NULL;
+}
 hal_service_t* hal_ts_new_service(hal_ts_t* hal_ts);
 hal_stream_t* hal_service_new_stream(hal_service_t* hal_service);
 void hal_ts_delete_services(hal_ts_t* hal_ts);
@@ -187,6 +203,7 @@ typedef struct hal_ts_mirror_t {
   const char* func;           /* the sync step, as named in warnings */
   const char* stale_service;  /* warning text of a removed service */
   const char* stale_stream;   /* warning text of a removed stream */
+  const char* after_identity; /* a message line the IP output logs after the identity; or null */
 } hal_ts_mirror_t;
 
 /* Removes the services of tsout that none of the sources (null entries skipped) carries. */
@@ -201,5 +218,9 @@ hal_err_t hal_ts_mirror_identity(hal_ts_t* to, hal_ts_t* from);
 /* Copies the `enabled` flag of each service of `from` to the service of `to` with its tag.
  * Returns 1 when a copied flag is set. */
 uint8_t hal_ts_mirror_enabled(hal_ts_t* to, hal_ts_t* from);
+/* The sync of an output: the services of tsin offered in tsout, then the identity and the
+ * switches set on tsout handed back to tsin and its PSI. What tsin's producer answers does not
+ * stop it. */
+void hal_ts_mirror_output(hal_ts_t* tsin, hal_ts_t* tsout, const hal_ts_mirror_t* mirror);
 
 #endif

@@ -14,28 +14,17 @@ static const hal_poll_ops_t hal_tsmux_5x1_poll_ops = {
 
 hal_tsmux_5x1_t* new_hal_tsmux_5x1(hal_tsmux_tsin_t tsin_0, hal_tsmux_tsin_t tsin_1, hal_tsmux_tsin_t tsin_2,
                                    hal_tsmux_tsin_t tsin_3, hal_tsmux_tsin_t tsin_4) {
-  hal_tsmux_5x1_t* mux = reinterpret_cast<hal_tsmux_5x1_t*>(hal_object_alloc(sizeof(hal_tsmux_5x1_t)));
-  if (mux == NULL) {
-    DBG_WRN("Could not create");
-    return NULL;
-  }
-  mux->hal_object.type = HAL_TSMUX_5X1;
-  mux->hal_object.delete_ = delete_hal_tsmux_5x1;
+  hal_tsmux_5x1_t* mux = hal_ts_new_producer<hal_tsmux_5x1_t>(HAL_TSMUX_5X1, delete_hal_tsmux_5x1, __func__);
+  if (mux == NULL) return NULL;
   const hal_tsmux_tsin_t inputs[HAL_TSMUX_5X1_INPUTS] = {tsin_0, tsin_1, tsin_2, tsin_3, tsin_4};
   for (int i = 0; i < HAL_TSMUX_5X1_INPUTS; i++) mux->tsin[i] = inputs[i];
-  mux->tsout = new_hal_ts();
-  if (mux->tsout == NULL) {
-    DBG_WRN("Could not create");
-    delete_hal_tsmux_5x1(&mux->hal_object);
-    return NULL;
-  }
   hal_poll_register(HAL_TSMUX_5X1, &hal_tsmux_5x1_poll_ops);
   return mux;
 }
 
 void delete_hal_tsmux_5x1(hal_object_t* object) {
   hal_tsmux_5x1_t* mux = reinterpret_cast<hal_tsmux_5x1_t*>(object);
-  if (mux->tsout != NULL) mux->tsout->hal_object.delete_(&mux->tsout->hal_object);
+  hal_ts_delete(mux->tsout);
   if (mux->master_tsin != NULL) mux->master_tsin->owner = NULL;
   delete_hal_object(object);
 }

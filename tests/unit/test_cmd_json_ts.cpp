@@ -2,16 +2,18 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
 #include "cmd_json.h"
 #include "cmd_json_ts.h"
 #include "dbg.h"
+#include "hal_test_support.h"
 #include "hal_ts.h"
 
 namespace {
+
+using namespace hal_test;
 
 struct free_deleter {
   void operator()(char* p) const { free(p); }
@@ -50,76 +52,50 @@ std::string reply(cmd_json_err_t err) {
   return dump(value.get());
 }
 
-std::string json_warning(const std::string& func) {
-  return "\x1B[33mtavid [WRN]: Warning in function '" + func + "' [line N]:\n\r\tJSON error\x1B[0m\n\r";
-}
-
-/* Warnings carry a source line; tests compare everything else. */
-std::string without_lines(const std::string& text) {
-  return std::regex_replace(text, std::regex("\\[line [0-9]+\\]"), "[line N]");
-}
-
 /* ---- fake driver operations: each records what it was handed ---- */
 
-std::vector<std::string> calls;
-std::string failing_op; /* the operation that answers HAL_ERR */
-
 template <typename T>
-hal_err_t record(const char* op, T value) {
-  calls.push_back(std::string(op) + " " + std::to_string(value));
-  return failing_op == op ? HAL_ERR : HAL_OK;
+hal_err_t record_value(const char* op, T value) {
+  return record(std::string(op) + " " + std::to_string(value), op);
 }
 
-hal_err_t record_text(const char* op, const char* text) {
-  calls.push_back(std::string(op) + " " + text);
-  return failing_op == op ? HAL_ERR : HAL_OK;
-}
+hal_err_t record_text(const char* op, const char* text) { return record(std::string(op) + " " + text, op); }
 
-void drive(hal_ts_t* ts) {
-  ts->set.tsid = [](void*, uint16_t v) { return record("tsid", v); };
-  ts->set.onid = [](void*, uint16_t v) { return record("onid", v); };
-  ts->set.nid = [](void*, uint16_t v) { return record("nid", v); };
-  ts->set.private_data_specifier = [](void*, uint32_t v) { return record("private_data_specifier", v); };
-  ts->set.network_name = [](void*, const char* v) { return record_text("network_name", v); };
-  ts->set.network_version = [](void*, uint8_t v) {
-    return record("network_version", static_cast<unsigned>(v));
-  };
-}
+void drive(hal_ts_t* ts) { fake_ts_identity(ts); }
 
 void drive(hal_service_t* service) {
-  service->set.sid = [](void*, uint16_t v) { return record("sid", v); };
-  service->set.type = [](void*, uint8_t v) { return record("service_type", static_cast<unsigned>(v)); };
+  service->set.sid = [](void*, uint16_t v) { return record_value("sid", v); };
+  service->set.type = [](void*, uint8_t v) { return record_value("service_type", static_cast<unsigned>(v)); };
   service->set.service_name = [](void*, const char* v) { return record_text("service_name", v); };
-  service->set.lcn = [](void*, uint16_t v) { return record("lcn", v); };
-  service->set.pmt_pid = [](void*, uint16_t v) { return record("pmt_pid", v); };
+  service->set.lcn = [](void*, uint16_t v) { return record_value("lcn", v); };
+  service->set.pmt_pid = [](void*, uint16_t v) { return record_value("pmt_pid", v); };
   service->set.enabled = [](void*, uint32_t tag, uint8_t v) {
     calls.push_back("enabled of tag " + std::to_string(tag));
-    return record("enabled", static_cast<unsigned>(v));
+    return record_value("enabled", static_cast<unsigned>(v));
   };
 }
 
 void drive(hal_stream_t* stream) {
-  stream->set.pid = [](void*, uint16_t v) { return record("pid", v); };
+  stream->set.pid = [](void*, uint16_t v) { return record_value("pid", v); };
   stream->set.type = [](void*, hal_stream_type_t v) {
-    return record("stream_type", static_cast<uint32_t>(v));
+    return record_value("stream_type", static_cast<uint32_t>(v));
   };
-  stream->set.bitrate = [](void*, uint16_t v) { return record("bitrate", v); };
+  stream->set.bitrate = [](void*, uint16_t v) { return record_value("bitrate", v); };
 }
 
-class CmdJsonTs : public ::testing::Test {
+class CmdJsonTs : public HalTest {
  protected:
   hal_ts_t* ts = NULL;
 
   void SetUp() override {
-    hal_ts_tag = hal_service_tag = hal_stream_tag = 0;
-    calls.clear();
-    failing_op.clear();
+    HalTest::SetUp();
     cmd_json_s_arg = NULL;
     ts = new_hal_ts();
   }
   void TearDown() override {
     ts->hal_object.delete_(&ts->hal_object);
     cmd_json_s_arg = NULL;
+    HalTest::TearDown();
   }
   hal_object_t* object() { return &ts->hal_object; }
 };
@@ -319,7 +295,7 @@ TEST_F(CmdJsonTs, ALongNameIsCutTo63Characters) {
 TEST_F(CmdJsonTs, AFailingSetterIsUnsuccessfulAndKeepsWhatCameBefore) {
   drive(ts);
   ts->settings.onid = 20;
-  failing_op = "onid";
+  failing = "onid";
   EXPECT_EQ(put(cmd_json_set_ts, object(), "{\"nid\":\"3\",\"onid\":\"2\",\"tsid\":\"1\"}"),
             CMD_JSON_UNSUCCESSFUL);
   EXPECT_EQ(calls, (std::vector<std::string>{"tsid 1", "onid 2"}));
@@ -383,7 +359,7 @@ TEST_F(CmdJsonTs, AValueThatCannotBeCreatedIsAJsonError) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(take(cmd_json_get_ts, object()).err, CMD_JSON_ERR);
   EXPECT_EQ(without_lines(testing::internal::GetCapturedStderr()),
-            json_warning("cmd_json_ts_get_network_name"));
+            wrn("cmd_json_ts_get_network_name", "JSON error"));
   EXPECT_EQ(reply(CMD_JSON_ERR), "{\"warningCode\":1103,\"description\":\"JSON error\"}");
 }
 
@@ -398,7 +374,8 @@ TEST_F(CmdJsonTs, AJsonErrorInAServiceNameNamesTheServiceGetter) {
   EXPECT_EQ(std::string(service->settings.service_name), std::string(62, 's') + "\xc3");
   testing::internal::CaptureStderr();
   EXPECT_EQ(take(cmd_json_get_ts_ext, object()).err, CMD_JSON_ERR);
-  EXPECT_EQ(without_lines(testing::internal::GetCapturedStderr()), json_warning("cmd_json_service_get_name"));
+  EXPECT_EQ(without_lines(testing::internal::GetCapturedStderr()),
+            wrn("cmd_json_service_get_name", "JSON error"));
 }
 
 /* ---- tags ---- */

@@ -5,8 +5,11 @@
 
 #include "dbg.h"
 #include "hal.h"
+#include "hal_test_support.h"
 
 namespace {
+
+using namespace hal_test;
 
 /* A driven object whose change test reports what the test marked as changed. */
 struct fake_t {
@@ -87,18 +90,16 @@ fake_t* add_fake(hal_object_type_t type, int number) {
   return fake;
 }
 
-std::string msg(const std::string& text) {
-  return std::string("\x1B[0mtavid [MSG]: ") + text + "\x1B[0m\n\r";
-}
-
-std::string step_lines(const std::string& tag, const std::string& kind, int id) {
+/* What the poll cycle prints for one step of one object. */
+std::string step_block(const std::string& tag, const std::string& kind, int id) {
   std::string suffix = kind + " (" + std::to_string(id) + ")";
   return "\n\r" + msg("<" + tag + "> " + suffix) + msg("</" + tag + "> " + suffix) + "\n\r";
 }
 
-class Hal : public ::testing::Test {
+class Hal : public HalTest {
  protected:
   void SetUp() override {
+    HalTest::SetUp();
     hal_poll_register(HAL_OUTPUT_IP, &fake_ip_ops);
     hal_poll_register(HAL_OUTPUT_RF, &fake_rf_ops);
     hal_poll_register(HAL_TSMUX_5X1, &fake_mux_ops);
@@ -106,15 +107,6 @@ class Hal : public ::testing::Test {
     steps.clear();
     deletes = 0;
     verbose = 1;
-  }
-  void TearDown() override {
-    hal_cleanup();
-    verbose = 0;
-  }
-  std::string poll() {
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(hal_poll(), HAL_OK);
-    return testing::internal::GetCapturedStdout();
   }
 };
 
@@ -168,7 +160,7 @@ TEST_F(Hal, AnHdmiSettingsChangeAppliesOnlyThatInputInTheSameCycle) {
   fake_t* hdmi0 = add_fake(HAL_INPUT_HDMI, 0);
   add_fake(HAL_OUTPUT_RF, 0);
   hdmi0->changed_apply = 1;
-  EXPECT_EQ(poll(), step_lines("APPLY_REQUIRED", "hal_input_hdmi", 0));
+  EXPECT_EQ(poll(), step_block("APPLY_REQUIRED", "hal_input_hdmi", 0));
   EXPECT_EQ(steps, (std::vector<std::string>{"apply 0"}));
 }
 
@@ -177,9 +169,9 @@ TEST_F(Hal, AMultiplexerInputChangeSyncsThenNestsUntilQuietThenApplies) {
   fake_t* mux = add_fake(HAL_TSMUX_5X1, 2);
   mux->feeds = out;
   mux->changed_sync = 1;
-  std::string expected = step_lines("SYNC_REQUIRED", "hal_tsmux_5x1", 0) +
-                         step_lines("SYNC_REQUIRED", "hal_output_rf", 0) +
-                         step_lines("APPLY_REQUIRED", "hal_output_rf", 0);
+  std::string expected = step_block("SYNC_REQUIRED", "hal_tsmux_5x1", 0) +
+                         step_block("SYNC_REQUIRED", "hal_output_rf", 0) +
+                         step_block("APPLY_REQUIRED", "hal_output_rf", 0);
   EXPECT_EQ(poll(), expected);
   EXPECT_EQ(steps, (std::vector<std::string>{"sync 2", "sync 1", "apply 1"}));
 }

@@ -7,40 +7,22 @@
 #include "hal.h"
 #include "hal_input_hdmi.h"
 #include "hal_output_rf.h"
+#include "hal_test_support.h"
 #include "hal_ts.h"
 
 namespace {
 
+using namespace hal_test;
+
 /* The fake encoder: every operation records its call and fails when it is the one named in
  * `failing`; reads return the values in `hw`. */
-int driver; /* its address is the driver context */
-std::vector<std::string> calls;
-std::string failing;
 hal_input_hdmi_settings_t hw;
 hal_input_hdmi_status_t hw_status;
 uint8_t hw_debug_enable;
 
-hal_err_t record(void* user, const std::string& call, const char* op) {
-  calls.push_back(user == &driver ? call : call + " (foreign user)");
-  return failing == op ? HAL_MOD_TARN_ERR : HAL_OK;
-}
-
-template <typename T>
-hal_err_t fake_read(void* user, const char* op, T* value, T hardware) {
-  hal_err_t err = record(user, std::string("get ") + op, op);
-  if (err == HAL_OK) *value = hardware;
-  return err;
-}
-
-#define FAKE_ACCESSORS(op, T, field)                                                          \
-  hal_err_t fake_set_##op(void* user, T value) {                                              \
-    return record(user, "set " #op " " + std::to_string(static_cast<long long>(value)), #op); \
-  }                                                                                           \
-  hal_err_t fake_get_##op(void* user, T* value) { return fake_read(user, #op, value, hw.field); }
-
-FAKE_ACCESSORS(video_bitrate, uint16_t, video_bitrate_kbps)
-FAKE_ACCESSORS(video_gopsize, uint8_t, video_gopsize)
-FAKE_ACCESSORS(audio_bitrate, uint16_t, audio_bitrate_kbps)
+HAL_TEST_FAKE_ACCESSORS(video_bitrate, uint16_t, hw.video_bitrate_kbps)
+HAL_TEST_FAKE_ACCESSORS(video_gopsize, uint8_t, hw.video_gopsize)
+HAL_TEST_FAKE_ACCESSORS(audio_bitrate, uint16_t, hw.audio_bitrate_kbps)
 
 hal_err_t fake_get_status(void* user, hal_input_hdmi_status_t* status) {
   return fake_read(user, "status", status, hw_status);
@@ -78,39 +60,31 @@ void wire(hal_input_hdmi_t* hdmi) {
   hdmi->get.hw_debug_code = fake_get_hw_debug_code;
 }
 
-std::string msg(const std::string& text) { return "\x1B[0mtavid [MSG]: " + text + "\x1B[0m\n\r"; }
-
 const std::string opening = msg("<APPLY> hal_input_hdmi") + msg("<APPLY_SETTINGS>");
 const std::string closing = msg("</APPLY_SETTINGS>") + msg("</APPLY> hal_input_hdmi");
 
-class HalInputHdmi : public ::testing::Test {
+class HalInputHdmi : public HalTest {
  protected:
   hal_input_hdmi_t* hdmi;
 
   void SetUp() override {
-    calls.clear();
-    failing.clear();
+    HalTest::SetUp();
+    failure = HAL_MOD_TARN_ERR;
     hw = {8000, 25, 192};
     hw_status = {1, 1080, 'i', 50};
     hw_debug_enable = 1;
-    hal_ts_tag = hal_service_tag = hal_stream_tag = 0;
-    verbose = 0;
     hdmi = new_hal_input_hdmi();
     ASSERT_NE(hdmi, nullptr);
     hdmi->tsout = new_hal_ts();
   }
   void TearDown() override {
     if (hdmi->hal_object.node.owner == NULL) hdmi->hal_object.delete_(&hdmi->hal_object);
-    hal_cleanup();
-    verbose = 0;
+    HalTest::TearDown();
   }
 
   /* The change test, with the TS's change warnings kept off the console. */
   uint8_t changed() {
-    testing::internal::CaptureStderr();
-    uint8_t result = hal_input_hdmi_changed(hdmi);
-    testing::internal::GetCapturedStderr();
-    return result;
+    return quietly([this] { return hal_input_hdmi_changed(hdmi); });
   }
   /* Everything taken in and applied. */
   void settle() {
@@ -119,9 +93,7 @@ class HalInputHdmi : public ::testing::Test {
     calls.clear();
   }
   std::string apply_output() {
-    testing::internal::CaptureStdout();
-    hal_input_hdmi_apply(hdmi);
-    return testing::internal::GetCapturedStdout();
+    return printed_by([this] { hal_input_hdmi_apply(hdmi); }).out;
   }
 };
 
@@ -418,15 +390,7 @@ class HalInputHdmiPoll : public HalInputHdmi {
     calls.clear();
     verbose = 1;
   }
-  std::string poll() {
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(hal_poll(), HAL_OK);
-    errors = testing::internal::GetCapturedStderr();
-    return testing::internal::GetCapturedStdout();
-  }
   hal_input_hdmi_t* other;
-  std::string errors;
 };
 
 TEST_F(HalInputHdmiPoll, ASettingsChangeAloneAppliesOnlyThatInput) {

@@ -3,26 +3,18 @@
 #include <string.h>
 
 #include <algorithm>
-#include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "dbg.h"
 #include "hal.h"
 #include "hal_output_ip.h"
+#include "hal_test_support.h"
 #include "hal_ts.h"
 
 namespace {
 
-/* What the fake drivers were handed, in order; a call equal to fail_on answers with an error. */
-std::vector<std::string> calls;
-std::string fail_on;
-
-hal_err_t record(const std::string& call) {
-  calls.push_back(call);
-  return call == fail_on ? HAL_QEL2IP_ERR : HAL_OK;
-}
+using namespace hal_test;
 
 std::string label(void* user) { return user != nullptr ? static_cast<const char*>(user) : "-"; }
 
@@ -53,71 +45,23 @@ hal_err_t fake_apply(hal_output_ip_t* out) {
   return record("apply " + std::string(first != nullptr && first->enabled ? "on" : "off"));
 }
 
-hal_err_t fake_psi(hal_ts_t* ts_to, hal_ts_t* ts_from) {
-  return record("psi " + std::to_string(ts_to->tag) + " from " + std::to_string(ts_from->tag));
-}
-hal_err_t fake_tsid(void*, uint16_t tsid) { return record("tsid " + std::to_string(tsid)); }
-hal_err_t fake_network_name(void*, const char* name) { return record(std::string("network_name ") + name); }
-
-std::string msg(const std::string& text) { return "\x1B[0mtavid [MSG]: " + text + "\x1B[0m\n\r"; }
-
-std::string wrn(const std::string& func, const std::string& text) {
-  return "\x1B[33mtavid [WRN]: Warning in function '" + func + "' [line N]:\n\r\t" + text + "\x1B[0m\n\r";
-}
-
-std::string without_line_numbers(const std::string& text) {
-  return std::regex_replace(text, std::regex("\\[line [0-9]+\\]"), "[line N]");
-}
-
-/* The poll cycle's step lines, in order. */
-std::vector<std::string> step_lines(const std::string& out) {
-  std::vector<std::string> lines;
-  std::istringstream in(out);
-  std::string line;
-  while (std::getline(in, line)) {
-    size_t at = line.find("_REQUIRED> ");
-    if (at == std::string::npos) continue;
-    size_t start = line.find('<');
-    lines.push_back(line.substr(start, line.find('\x1B', start) - start));
-  }
-  return lines;
-}
-
-hal_service_t* add_service(hal_ts_t* ts, uint16_t sid, const char* name, std::vector<uint16_t> pids) {
-  hal_service_t* service = hal_ts_new_service(ts);
-  service->settings.sid = sid;
-  service->settings.type = 1;
-  hal_service_set_name(service, name);
-  service->settings.lcn = static_cast<uint16_t>(sid + 100);
-  service->settings.pmt_pid = static_cast<uint16_t>(sid + 0x100);
-  for (uint16_t pid : pids) {
-    hal_stream_t* stream = hal_service_new_stream(service);
-    stream->settings.pid = pid;
-    stream->settings.type = HAL_H264;
-    stream->settings.bitrate_kbps = static_cast<uint16_t>(pid * 2);
-  }
+/* Type 1, LCN SID + 100 and PMT PID SID + 0x100; H.264 streams at twice their PID in kbit/s. */
+hal_service_t* add_h264_service(hal_ts_t* ts, uint16_t sid, const char* name,
+                                const std::vector<uint16_t>& pids) {
+  std::vector<hal_stream_settings_t> streams;
+  for (uint16_t pid : pids) streams.push_back({pid, HAL_H264, static_cast<uint16_t>(pid * 2)});
+  hal_service_t* service = add_service(ts, sid, name, streams);
+  hal_service_set_type(service, 1);
+  hal_service_set_lcn(service, static_cast<uint16_t>(sid + 100));
+  hal_service_set_pmt_pid(service, static_cast<uint16_t>(sid + 0x100));
   return service;
 }
 
-hal_service_t* service_at(hal_ts_t* ts, int index) {
-  lnklist_node_t* node = ts->service_list.head;
-  while (node != nullptr && index-- > 0) node = node->next;
-  return reinterpret_cast<hal_service_t*>(node);
-}
-
-hal_stream_t* stream_at(hal_service_t* service, int index) {
-  lnklist_node_t* node = service->stream_list.head;
-  while (node != nullptr && index-- > 0) node = node->next;
-  return reinterpret_cast<hal_stream_t*>(node);
-}
-
-class HalOutputIp : public ::testing::Test {
+class HalOutputIp : public HalTest {
  protected:
   void SetUp() override {
-    hal_ts_tag = hal_service_tag = hal_stream_tag = 0;
-    calls.clear();
-    fail_on.clear();
-    verbose = 0;
+    HalTest::SetUp();
+    failure = HAL_QEL2IP_ERR;
     tsin = new_hal_ts();
     out = new_hal_output_ip(tsin);
     ASSERT_NE(out, nullptr);
@@ -125,38 +69,25 @@ class HalOutputIp : public ::testing::Test {
   void TearDown() override {
     out->hal_object.delete_(&out->hal_object);
     tsin->hal_object.delete_(&tsin->hal_object);
-    hal_cleanup();
-    verbose = 0;
+    HalTest::TearDown();
   }
   /* Runs the sync step; returns its log lines, and its warnings in `warnings`. */
   std::string sync(std::string* warnings = nullptr) {
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(hal_output_ip_sync(out), HAL_OK);
-    std::string errors = testing::internal::GetCapturedStderr();
-    if (warnings != nullptr) *warnings = without_line_numbers(errors);
-    return testing::internal::GetCapturedStdout();
+    printed_t printed = printed_by([this] { EXPECT_EQ(hal_output_ip_sync(out), HAL_OK); });
+    if (warnings != nullptr) *warnings = without_lines(printed.err);
+    return printed.out;
   }
   /* Takes in every change, as a settled poll cycle leaves the streams. */
   void settle() {
-    testing::internal::CaptureStderr();
-    hal_ts_changed(tsin, 1);
-    hal_ts_changed(out->tsout, 1);
-    hal_output_ip_settings_changed(out, 1);
-    testing::internal::GetCapturedStderr();
+    quietly([this] {
+      hal_ts_changed(tsin, 1);
+      hal_ts_changed(out->tsout, 1);
+      hal_output_ip_settings_changed(out, 1);
+    });
     out->sync_required = out->apply_required = 0;
   }
   uint8_t changed() {
-    testing::internal::CaptureStderr();
-    uint8_t result = hal_output_ip_changed(out);
-    testing::internal::GetCapturedStderr();
-    return result;
-  }
-  uint8_t ts_changed(hal_ts_t* ts) {
-    testing::internal::CaptureStderr();
-    uint8_t result = hal_ts_changed(ts, 0);
-    testing::internal::GetCapturedStderr();
-    return result;
+    return quietly([this] { return hal_output_ip_changed(out); });
   }
 
   hal_ts_t* tsin = nullptr;
@@ -183,7 +114,7 @@ TEST_F(HalOutputIp, ConstructorBuildsAnInMemoryOutputOutsideTheRegistry) {
 }
 
 TEST_F(HalOutputIp, DeleteLeavesTsinAlone) {
-  add_service(tsin, 1, "One", {0x100});
+  add_h264_service(tsin, 1, "One", {0x100});
   hal_output_ip_t* second = new_hal_output_ip(tsin);
   hal_ts_new_service(second->tsout);
   lnklist_push_node(&hal, &second->hal_object.node);
@@ -223,11 +154,11 @@ TEST_F(HalOutputIp, ARefusedValueIsNotStored) {
   out->set.s_dst_port = fake_set_port;
   hal_output_ip_set_dst_addr(out, "239.0.0.1");
   hal_output_ip_set_dst_port(out, "5000");
-  fail_on = "- set addr 239.0.0.2";
+  failing = "- set addr 239.0.0.2";
   EXPECT_EQ(hal_output_ip_set_dst_addr(out, "239.0.0.2"), HAL_QEL2IP_ERR);
   EXPECT_EQ(out->hal_object.err, HAL_QEL2IP_ERR);
   EXPECT_STREQ(out->settings.s_dst_addr, "239.0.0.1");
-  fail_on = "- set port 6000";
+  failing = "- set port 6000";
   EXPECT_EQ(hal_output_ip_set_dst_port(out, "6000"), HAL_QEL2IP_ERR);
   EXPECT_STREQ(out->settings.s_dst_port, "5000");
 }
@@ -262,7 +193,7 @@ TEST_F(HalOutputIp, GettersLetTheDriverRefreshTheStoredText) {
 
 TEST_F(HalOutputIp, AFailingGetterLeavesTheCallersBufferAlone) {
   out->get.s_dst_addr = fake_get_addr;
-  fail_on = "- get addr 16";
+  failing = "- get addr 16";
   char addr[HAL_OUTPUT_IP_ADDR_SIZE] = "untouched";
   EXPECT_EQ(hal_output_ip_get_dst_addr(out, addr, sizeof(addr)), HAL_QEL2IP_ERR);
   EXPECT_EQ(out->hal_object.err, HAL_QEL2IP_ERR);
@@ -282,7 +213,7 @@ TEST_F(HalOutputIp, BitrateComesFromTheDriverWithItsResult) {
   uint32_t bitrate = 0;
   EXPECT_EQ(hal_output_ip_get_bitrate(out, &bitrate), HAL_OK);
   EXPECT_EQ(bitrate, 12500u);
-  fail_on = "- get bitrate";
+  failing = "- get bitrate";
   EXPECT_EQ(hal_output_ip_get_bitrate(out, &bitrate), HAL_QEL2IP_ERR);
   EXPECT_EQ(out->hal_object.err, HAL_QEL2IP_ERR);
 }
@@ -310,7 +241,7 @@ TEST_F(HalOutputIp, NoChangeOwesNothing) {
 }
 
 TEST_F(HalOutputIp, AChangeOfTsoutOwesSyncAndApplyAndIsTakenIn) {
-  add_service(tsin, 1, "One", {});
+  add_h264_service(tsin, 1, "One", {});
   sync();
   settle();
   hal_service_set_enabled(service_at(out->tsout, 0), 1);
@@ -332,7 +263,7 @@ TEST_F(HalOutputIp, ADestinationChangeOwesOnlyTheApply) {
 
 TEST_F(HalOutputIp, AChangeOfTsinOwesTheSyncAndIsLeftToItsProducer) {
   settle();
-  add_service(tsin, 1, "One", {});
+  add_h264_service(tsin, 1, "One", {});
   EXPECT_EQ(changed(), 1);
   EXPECT_EQ(out->sync_required, 1);
   EXPECT_EQ(out->apply_required, 0);
@@ -349,8 +280,8 @@ TEST_F(HalOutputIp, TheChangeTestNeverClearsAFlag) {
 }
 
 TEST_F(HalOutputIp, TheFirstSyncOffersEveryServiceOfTsinSwitchedOff) {
-  hal_service_t* one = add_service(tsin, 1, "One", {0x100, 0x101});
-  hal_service_t* two = add_service(tsin, 2, "Two", {0x200});
+  hal_service_t* one = add_h264_service(tsin, 1, "One", {0x100, 0x101});
+  hal_service_t* two = add_h264_service(tsin, 2, "Two", {0x200});
   one->enabled = 1;
   sync();
   ASSERT_EQ(out->tsout->service_list.node_count, 2u);
@@ -375,13 +306,8 @@ TEST_F(HalOutputIp, TheFirstSyncOffersEveryServiceOfTsinSwitchedOff) {
 }
 
 TEST_F(HalOutputIp, SyncLogsEveryStepWithAnEmptyLineAfterTheTsinUpdate) {
-  add_service(tsin, 7, "One", {0x100});
-  hal_ts_set_tsid(out->tsout, 16);
-  hal_ts_set_onid(out->tsout, 2);
-  hal_ts_set_nid(out->tsout, 3);
-  hal_ts_set_private_data_specifier(out->tsout, 4);
-  hal_ts_set_network_name(out->tsout, "Net");
-  hal_ts_set_network_version(out->tsout, 5);
+  add_h264_service(tsin, 7, "One", {0x100});
+  set_identity(out->tsout, {16, 2, 3, 4, "Net", 5});
   verbose = 1;
   std::string expected =
       msg("<SYNC> hal_output_ip") + msg("<SYNC_TSOUT>") +
@@ -396,7 +322,7 @@ TEST_F(HalOutputIp, SyncLogsEveryStepWithAnEmptyLineAfterTheTsinUpdate) {
 }
 
 TEST_F(HalOutputIp, ASecondSyncUpdatesTheMirrorKeepingItsSwitch) {
-  hal_service_t* source = add_service(tsin, 7, "One", {0x100});
+  hal_service_t* source = add_h264_service(tsin, 7, "One", {0x100});
   sync();
   hal_service_t* mirror = service_at(out->tsout, 0);
   mirror->enabled = 1;
@@ -417,9 +343,9 @@ TEST_F(HalOutputIp, ASecondSyncUpdatesTheMirrorKeepingItsSwitch) {
 }
 
 TEST_F(HalOutputIp, AStaleServiceIsRemovedWithItsWarningAndCountsAsAChange) {
-  hal_service_t* one = add_service(tsin, 1, "One", {0x100});
-  hal_service_t* two = add_service(tsin, 2, "Two", {0x200});
-  add_service(tsin, 3, "Three", {0x300});
+  hal_service_t* one = add_h264_service(tsin, 1, "One", {0x100});
+  hal_service_t* two = add_h264_service(tsin, 2, "Two", {0x200});
+  add_h264_service(tsin, 3, "Three", {0x300});
   sync();
   settle();
   uint32_t crc = out->tsout->settings_crc;
@@ -441,7 +367,7 @@ TEST_F(HalOutputIp, AStaleServiceIsRemovedWithItsWarningAndCountsAsAChange) {
 }
 
 TEST_F(HalOutputIp, AStaleStreamIsRemovedWithItsWarningAndCountsAsAChange) {
-  hal_service_t* source = add_service(tsin, 1, "One", {0x100, 0x101, 0x102});
+  hal_service_t* source = add_h264_service(tsin, 1, "One", {0x100, 0x101, 0x102});
   sync();
   settle();
   hal_service_t* mirror = service_at(out->tsout, 0);
@@ -459,7 +385,7 @@ TEST_F(HalOutputIp, AStaleStreamIsRemovedWithItsWarningAndCountsAsAChange) {
 }
 
 TEST_F(HalOutputIp, ANewStreamIsMirroredWithItsSourcesTag) {
-  hal_service_t* source = add_service(tsin, 1, "One", {0x100});
+  hal_service_t* source = add_h264_service(tsin, 1, "One", {0x100});
   sync();
   hal_stream_t* added = hal_service_new_stream(source);
   added->settings.pid = 0x1AB;
@@ -474,8 +400,8 @@ TEST_F(HalOutputIp, ANewStreamIsMirroredWithItsSourcesTag) {
 }
 
 TEST_F(HalOutputIp, SyncPushesTheIdentityOfTsoutIntoTsin) {
-  tsin->set.tsid = fake_tsid;
-  tsin->set.network_name = fake_network_name;
+  tsin->set.tsid = fake_ts_tsid;
+  tsin->set.network_name = fake_ts_network_name;
   hal_ts_set_tsid(out->tsout, 0x1234);
   hal_ts_set_nid(out->tsout, 0x55);
   hal_ts_set_network_name(out->tsout, "Box");
@@ -485,9 +411,9 @@ TEST_F(HalOutputIp, SyncPushesTheIdentityOfTsoutIntoTsin) {
 }
 
 TEST_F(HalOutputIp, SyncSucceedsWhateverTheProducerOfTsinAnswers) {
-  tsin->set.tsid = fake_tsid;
+  tsin->set.tsid = fake_ts_tsid;
   tsin->sync.psi = fake_psi;
-  fail_on = "tsid 9";
+  failing = "tsid 9";
   hal_ts_set_tsid(out->tsout, 9);
   out->sync_required = 1;
   out->apply_required = 1;
@@ -499,8 +425,8 @@ TEST_F(HalOutputIp, SyncSucceedsWhateverTheProducerOfTsinAnswers) {
 }
 
 TEST_F(HalOutputIp, SyncCopiesTheSwitchesOfTsoutBackToTsin) {
-  hal_service_t* one = add_service(tsin, 1, "One", {});
-  hal_service_t* two = add_service(tsin, 2, "Two", {});
+  hal_service_t* one = add_h264_service(tsin, 1, "One", {});
+  hal_service_t* two = add_h264_service(tsin, 2, "Two", {});
   sync();
   hal_ts_find_service_by_tag(out->tsout, two->tag)->enabled = 1;
   verbose = 1;
@@ -516,7 +442,7 @@ TEST_F(HalOutputIp, ApplyCallsTheOperationIgnoresItsResultAndAlwaysClearsTheFlag
   out->apply = fake_apply;
   out->apply_required = 1;
   out->sync_required = 1;
-  fail_on = "apply off";
+  failing = "apply off";
   verbose = 1;
   testing::internal::CaptureStdout();
   EXPECT_EQ(hal_output_ip_apply(out), HAL_OK);
@@ -536,51 +462,12 @@ TEST_F(HalOutputIp, ApplyWithoutAnOperationStillClearsTheFlag) {
 
 /* ---- the output in the poll cycle ---- */
 
-/* Stands in for the HDMI input that produces tsin: it takes in the changes of its TS. */
-struct fake_input_t {
-  hal_object_t hal_object;
-  hal_ts_t* tsout;
-  uint8_t sync_required;
-  uint8_t apply_required;
-};
-
-uint8_t fake_input_changed(fake_input_t* input) {
-  calls.push_back("input test");
-  if (hal_ts_changed(input->tsout, 1)) input->apply_required = 1;
-  return input->apply_required;
-}
-
-hal_err_t fake_input_apply(fake_input_t* input) {
-  calls.push_back("input apply");
-  input->apply_required = 0;
-  return HAL_OK;
-}
-
-void delete_fake_input(hal_object_t* object) {
-  hal_ts_t* tsout = reinterpret_cast<fake_input_t*>(object)->tsout;
-  tsout->hal_object.delete_(&tsout->hal_object);
-  delete_hal_object(object);
-}
-
-const hal_poll_ops_t fake_input_ops = {"hal_input_hdmi",
-                                       hal_poll_changed<fake_input_t, fake_input_changed>,
-                                       NULL,
-                                       hal_poll_step<fake_input_t, fake_input_apply>,
-                                       offsetof(fake_input_t, sync_required),
-                                       offsetof(fake_input_t, apply_required)};
-
-class HalOutputIpPoll : public ::testing::Test {
+class HalOutputIpPoll : public HalTest {
  protected:
   void SetUp() override {
-    hal_ts_tag = hal_service_tag = hal_stream_tag = 0;
-    calls.clear();
-    fail_on.clear();
-    hal_poll_register(HAL_INPUT_HDMI, &fake_input_ops);
-    input = reinterpret_cast<fake_input_t*>(hal_object_alloc(sizeof(fake_input_t)));
-    input->hal_object.type = HAL_INPUT_HDMI;
-    input->hal_object.delete_ = delete_fake_input;
-    input->tsout = new_hal_ts();
-    lnklist_push_node(&hal, &input->hal_object.node);
+    HalTest::SetUp();
+    failure = HAL_QEL2IP_ERR;
+    input = add_fake_input(1);
     out = new_hal_output_ip(input->tsout);
     ASSERT_NE(out, nullptr);
     out->apply = fake_apply;
@@ -588,26 +475,14 @@ class HalOutputIpPoll : public ::testing::Test {
     lnklist_push_node(&hal, &out->hal_object.node);
     verbose = 1;
   }
-  void TearDown() override {
-    hal_cleanup();
-    verbose = 0;
-  }
-  std::string poll(std::string* warnings = nullptr) {
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(hal_poll(), HAL_OK);
-    std::string errors = testing::internal::GetCapturedStderr();
-    if (warnings != nullptr) *warnings = errors;
-    return testing::internal::GetCapturedStdout();
-  }
 
   fake_input_t* input = nullptr;
   hal_output_ip_t* out = nullptr;
 };
 
 TEST_F(HalOutputIpPoll, TheFirstPollOffersTheInputsServicesSwitchedOff) {
-  hal_service_t* one = add_service(input->tsout, 1, "One", {0x100});
-  hal_service_t* two = add_service(input->tsout, 2, "Two", {0x200, 0x201});
+  hal_service_t* one = add_h264_service(input->tsout, 1, "One", {0x100});
+  hal_service_t* two = add_h264_service(input->tsout, 2, "Two", {0x200, 0x201});
   poll();
   ASSERT_EQ(out->tsout->service_list.node_count, 2u);
   for (hal_service_t* source : {one, two}) {
@@ -621,7 +496,7 @@ TEST_F(HalOutputIpPoll, TheFirstPollOffersTheInputsServicesSwitchedOff) {
 }
 
 TEST_F(HalOutputIpPoll, EnablingAServiceSyncsNestsOnceThenApplies) {
-  add_service(input->tsout, 1, "One", {0x100});
+  add_h264_service(input->tsout, 1, "One", {0x100});
   poll();
   calls.clear();
   hal_service_set_enabled(service_at(out->tsout, 0), 1);
@@ -642,19 +517,18 @@ TEST_F(HalOutputIpPoll, EnablingAServiceSyncsNestsOnceThenApplies) {
 }
 
 TEST_F(HalOutputIpPoll, ASecondPollWithoutAChangeDoesNothing) {
-  add_service(input->tsout, 1, "One", {0x100});
+  add_h264_service(input->tsout, 1, "One", {0x100});
   poll();
   hal_service_set_enabled(service_at(out->tsout, 0), 1);
   poll();
   calls.clear();
-  std::string warnings;
-  EXPECT_EQ(poll(&warnings), "");
-  EXPECT_EQ(warnings, "");
+  EXPECT_EQ(poll(), "");
+  EXPECT_EQ(errors, "");
   EXPECT_EQ(calls, (std::vector<std::string>{"input test", "input test"}));
 }
 
 TEST_F(HalOutputIpPoll, ADestinationChangeAppliesWithoutSync) {
-  add_service(input->tsout, 1, "One", {0x100});
+  add_h264_service(input->tsout, 1, "One", {0x100});
   poll();
   calls.clear();
   hal_output_ip_set_dst_addr(out, "239.2.2.2");

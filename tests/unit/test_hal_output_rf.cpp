@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -9,15 +8,15 @@
 #include "hal.h"
 #include "hal_input_hdmi.h"
 #include "hal_output_rf.h"
+#include "hal_test_support.h"
 #include "hal_ts.h"
 
 namespace {
 
+using namespace hal_test;
+
 /* The fake modulator: every operation records its call and fails when it is the one named in
  * `failing`; reads return the values in `hw`. */
-int driver; /* its address is the driver context */
-std::vector<std::string> calls;
-std::string failing;
 hal_output_rf_settings_t hw;
 hal_output_rf_status_t hw_status;
 int8_t hw_cal_i, hw_cal_q;
@@ -27,47 +26,26 @@ hal_ts_t* psi_to;
 hal_ts_t* psi_from;
 uint16_t psi_tsid;
 
-hal_err_t record(void* user, const std::string& call, const char* op) {
-  calls.push_back(user == &driver ? call : call + " (foreign user)");
-  return failing == op ? HAL_MOD_TARN_ERR : HAL_OK;
-}
-
-template <typename T>
-std::string text(T value) {
-  return std::to_string(static_cast<long long>(value));
-}
-
-template <typename T>
-hal_err_t fake_read(void* user, const char* op, T* value, T hardware) {
-  hal_err_t err = record(user, std::string("get ") + op, op);
-  if (err == HAL_OK) *value = hardware;
-  return err;
-}
-
-#define FAKE_ACCESSORS(op, T, field)                                                                       \
-  hal_err_t fake_set_##op(void* user, T value) { return record(user, "set " #op " " + text(value), #op); } \
-  hal_err_t fake_get_##op(void* user, T* value) { return fake_read(user, #op, value, hw.field); }
-
-FAKE_ACCESSORS(type, hal_output_type_t, type)
-FAKE_ACCESSORS(level, int8_t, level_dbm)
-FAKE_ACCESSORS(enable, uint8_t, enable)
-FAKE_ACCESSORS(frequency, uint32_t, frequency_khz)
-FAKE_ACCESSORS(bandwidth, uint8_t, bandwidth_mhz)
-FAKE_ACCESSORS(symbolrate, uint16_t, symbolrate_kbaud)
-FAKE_ACCESSORS(constellation, hal_constellation_t, constellation)
-FAKE_ACCESSORS(guardinterval, hal_guardinterval_t, guardinterval)
-FAKE_ACCESSORS(coderate, hal_coderate_t, coderate)
-FAKE_ACCESSORS(fftmode, hal_fftmode_t, fftmode)
-FAKE_ACCESSORS(carriertype, hal_carriertype_t, carriertype)
-FAKE_ACCESSORS(interleave, hal_interleave_t, interleave)
-FAKE_ACCESSORS(syncframe, hal_syncframe_t, syncframe)
+HAL_TEST_FAKE_ACCESSORS(type, hal_output_type_t, hw.type)
+HAL_TEST_FAKE_ACCESSORS(level, int8_t, hw.level_dbm)
+HAL_TEST_FAKE_ACCESSORS(enable, uint8_t, hw.enable)
+HAL_TEST_FAKE_ACCESSORS(frequency, uint32_t, hw.frequency_khz)
+HAL_TEST_FAKE_ACCESSORS(bandwidth, uint8_t, hw.bandwidth_mhz)
+HAL_TEST_FAKE_ACCESSORS(symbolrate, uint16_t, hw.symbolrate_kbaud)
+HAL_TEST_FAKE_ACCESSORS(constellation, hal_constellation_t, hw.constellation)
+HAL_TEST_FAKE_ACCESSORS(guardinterval, hal_guardinterval_t, hw.guardinterval)
+HAL_TEST_FAKE_ACCESSORS(coderate, hal_coderate_t, hw.coderate)
+HAL_TEST_FAKE_ACCESSORS(fftmode, hal_fftmode_t, hw.fftmode)
+HAL_TEST_FAKE_ACCESSORS(carriertype, hal_carriertype_t, hw.carriertype)
+HAL_TEST_FAKE_ACCESSORS(interleave, hal_interleave_t, hw.interleave)
+HAL_TEST_FAKE_ACCESSORS(syncframe, hal_syncframe_t, hw.syncframe)
 
 hal_err_t fake_get_status(void* user, hal_output_rf_status_t* status) {
   return fake_read(user, "status", status, hw_status);
 }
 
 hal_err_t fake_set_calibration(void* user, int8_t i, int8_t q, uint8_t enable) {
-  return record(user, "set calibration " + text(i) + " " + text(q) + " " + text(enable), "calibration");
+  return record(user, "set calibration " + number(i) + " " + number(q) + " " + number(enable), "calibration");
 }
 
 hal_err_t fake_get_calibration(void* user, int8_t* i, int8_t* q) {
@@ -94,18 +72,7 @@ void wire(hal_output_rf_t* rf) {
 }
 
 /* The module side of tsin: its network setters and its PSI hook. */
-hal_err_t fake_ts_tsid(void* user, uint16_t tsid) { return record(user, "tsin tsid " + text(tsid), "tsid"); }
-hal_err_t fake_ts_onid(void* user, uint16_t onid) { return record(user, "tsin onid " + text(onid), "onid"); }
-hal_err_t fake_ts_nid(void* user, uint16_t nid) { return record(user, "tsin nid " + text(nid), "nid"); }
-hal_err_t fake_ts_pds(void* user, uint32_t pds) { return record(user, "tsin pds " + text(pds), "pds"); }
-hal_err_t fake_ts_name(void* user, const char* name) {
-  return record(user, std::string("tsin network_name ") + name, "network_name");
-}
-hal_err_t fake_ts_version(void* user, uint8_t version) {
-  return record(user, "tsin network_version " + text(version), "network_version");
-}
-
-hal_err_t fake_psi(hal_ts_t* ts_to, hal_ts_t* ts_from) {
+hal_err_t fake_tsin_psi(hal_ts_t* ts_to, hal_ts_t* ts_from) {
   psi_to = ts_to;
   psi_from = ts_from;
   psi_tsid = ts_to->settings.tsid;
@@ -114,33 +81,27 @@ hal_err_t fake_psi(hal_ts_t* ts_to, hal_ts_t* ts_from) {
 
 void wire_ts(hal_ts_t* ts) {
   ts->hal_object.user = &driver;
-  ts->set = {fake_ts_tsid, fake_ts_onid, fake_ts_nid, fake_ts_pds, fake_ts_name, fake_ts_version};
-  ts->sync.psi = fake_psi;
+  ts->set.tsid = [](void* user, uint16_t tsid) { return record(user, "tsin tsid " + number(tsid), "tsid"); };
+  ts->set.onid = [](void* user, uint16_t onid) { return record(user, "tsin onid " + number(onid), "onid"); };
+  ts->set.nid = [](void* user, uint16_t nid) { return record(user, "tsin nid " + number(nid), "nid"); };
+  ts->set.private_data_specifier = [](void* user, uint32_t pds) {
+    return record(user, "tsin pds " + number(pds), "pds");
+  };
+  ts->set.network_name = [](void* user, const char* name) {
+    return record(user, std::string("tsin network_name ") + name, "network_name");
+  };
+  ts->set.network_version = [](void* user, uint8_t version) {
+    return record(user, "tsin network_version " + number(version), "network_version");
+  };
+  ts->sync.psi = fake_tsin_psi;
 }
 
-hal_service_t* add_service(hal_ts_t* ts, const char* name, uint16_t sid, std::vector<uint16_t> bitrates) {
-  hal_service_t* service = hal_ts_new_service(ts);
-  hal_service_set_name(service, name);
-  hal_service_set_sid(service, sid);
+/* H.264 streams on PIDs 0x100 upwards at the given bitrates. */
+std::vector<hal_stream_settings_t> h264(const std::vector<uint16_t>& bitrates) {
+  std::vector<hal_stream_settings_t> streams;
   uint16_t pid = 0x100;
-  for (uint16_t bitrate : bitrates) {
-    hal_stream_t* stream = hal_service_new_stream(service);
-    hal_stream_set_pid(stream, pid++);
-    hal_stream_set_type(stream, HAL_H264);
-    hal_stream_set_bitrate(stream, bitrate);
-  }
-  return service;
-}
-
-std::string msg(const std::string& text) { return "\x1B[0mtavid [MSG]: " + text + "\x1B[0m\n\r"; }
-
-std::string wrn(const std::string& func, const std::string& text) {
-  return "\x1B[33mtavid [WRN]: Warning in function '" + func + "' [line N]:\n\r\t" + text + "\x1B[0m\n\r";
-}
-
-/* Warnings carry the source line; the tests compare everything else. */
-std::string without_lines(const std::string& output) {
-  return std::regex_replace(output, std::regex("\\[line [0-9]+\\]"), "[line N]");
+  for (uint16_t bitrate : bitrates) streams.push_back({pid++, HAL_H264, bitrate});
+  return streams;
 }
 
 void expect_settings(const hal_output_rf_settings_t& actual, const hal_output_rf_settings_t& expected) {
@@ -159,15 +120,15 @@ void expect_settings(const hal_output_rf_settings_t& actual, const hal_output_rf
   EXPECT_EQ(actual.syncframe, expected.syncframe);
 }
 
-class HalOutputRf : public ::testing::Test {
+class HalOutputRf : public HalTest {
  protected:
   hal_ts_t* tsin; /* stands for the TS of the producer that feeds the output */
   hal_output_rf_t* rf;
   std::string out, err;
 
   void SetUp() override {
-    calls.clear();
-    failing.clear();
+    HalTest::SetUp();
+    failure = HAL_MOD_TARN_ERR;
     hw = {HAL_DVB_C,
           -3,
           1,
@@ -186,46 +147,34 @@ class HalOutputRf : public ::testing::Test {
     hw_cal_q = 9;
     psi_to = psi_from = nullptr;
     psi_tsid = 0;
-    hal_ts_tag = hal_service_tag = hal_stream_tag = 0;
-    verbose = 0;
     tsin = new_hal_ts();
     rf = new_hal_output_rf(tsin);
     ASSERT_NE(rf, nullptr);
   }
   void TearDown() override {
     if (rf->hal_object.node.owner == NULL) rf->hal_object.delete_(&rf->hal_object);
-    hal_cleanup();
+    HalTest::TearDown();
     tsin->hal_object.delete_(&tsin->hal_object);
-    verbose = 0;
   }
 
   /* The output's change test, with the TS warnings kept off the console. */
   uint8_t changed() {
-    testing::internal::CaptureStderr();
-    uint8_t result = hal_output_rf_changed(rf);
-    testing::internal::GetCapturedStderr();
-    return result;
+    return quietly([this] { return hal_output_rf_changed(rf); });
   }
   /* Everything taken in, as after a poll cycle: the producer takes tsin in, the output the rest. */
   void settle() {
     changed();
-    testing::internal::CaptureStderr();
-    hal_ts_changed(tsin, 1);
-    testing::internal::GetCapturedStderr();
+    take_in(tsin);
     rf->sync_required = rf->apply_required = 0;
   }
   /* Runs the sync with its output kept in `out` and `err`. */
   void sync() {
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(hal_output_rf_sync(rf), HAL_OK);
-    err = without_lines(testing::internal::GetCapturedStderr());
-    out = testing::internal::GetCapturedStdout();
+    printed_t printed = printed_by([this] { EXPECT_EQ(hal_output_rf_sync(rf), HAL_OK); });
+    err = without_lines(printed.err);
+    out = printed.out;
   }
   std::string apply_output() {
-    testing::internal::CaptureStdout();
-    hal_output_rf_apply(rf);
-    return testing::internal::GetCapturedStdout();
+    return printed_by([this] { hal_output_rf_apply(rf); }).out;
   }
   uint32_t bitrate() {
     uint32_t bitrate_kbps = 12345;
@@ -269,8 +218,8 @@ TEST_F(HalOutputRf, NewOutputReadsTsinAndOwnsANewTsout) {
 }
 
 TEST_F(HalOutputRf, DeleteTakesTsoutAlongButNeverTsin) {
-  add_service(rf->tsout, "Out", 1, {100});
-  add_service(tsin, "In", 2, {200});
+  add_service(rf->tsout, 1, "Out", h264({100}));
+  add_service(tsin, 2, "In", h264({200}));
   lnklist_push_node(&hal, &rf->hal_object.node);
   rf->hal_object.delete_(&rf->hal_object);
   EXPECT_EQ(hal.node_count, 0u);
@@ -499,17 +448,12 @@ TEST_F(HalOutputRf, TheChangeTestNeverClearsAFlag) {
 }
 
 TEST_F(HalOutputRf, SyncLogsEachStepInOrder) {
-  hal_service_t* news = add_service(tsin, "News", 0x10, {100});
+  hal_service_t* news = add_service(tsin, 0x10, "News", h264({100}));
   hal_service_set_enabled(news, 1);
-  hal_service_t* old = add_service(rf->tsout, "Old", 0x20, {});
+  hal_service_t* old = add_service(rf->tsout, 0x20, "Old");
   EXPECT_EQ(news->tag, 0u);
   EXPECT_EQ(old->tag, 1u);
-  hal_ts_set_tsid(rf->tsout, 7);
-  hal_ts_set_onid(rf->tsout, 8);
-  hal_ts_set_nid(rf->tsout, 9);
-  hal_ts_set_private_data_specifier(rf->tsout, 40);
-  hal_ts_set_network_name(rf->tsout, "Net");
-  hal_ts_set_network_version(rf->tsout, 3);
+  set_identity(rf->tsout, {7, 8, 9, 40, "Net", 3});
   verbose = 1;
   sync();
   EXPECT_EQ(
@@ -524,15 +468,15 @@ TEST_F(HalOutputRf, SyncLogsEachStepInOrder) {
 }
 
 TEST_F(HalOutputRf, SyncLogsOnlyTheWarningsWithoutVerbose) {
-  add_service(rf->tsout, "Old", 0x20, {});
+  add_service(rf->tsout, 0x20, "Old");
   sync();
   EXPECT_EQ(out, "");
   EXPECT_EQ(err, wrn("hal_output_rf_sync", "F"));
 }
 
 TEST_F(HalOutputRf, AServiceGoneFromTsinLeavesTsoutWithOneWarning) {
-  add_service(tsin, "A", 1, {100});
-  hal_service_t* b = add_service(tsin, "B", 2, {200, 64});
+  add_service(tsin, 1, "A", h264({100}));
+  hal_service_t* b = add_service(tsin, 2, "B", h264({200, 64}));
   sync();
   ASSERT_EQ(rf->tsout->service_list.node_count, 2u);
   b->hal_object.delete_(&b->hal_object);
@@ -546,7 +490,7 @@ TEST_F(HalOutputRf, AServiceGoneFromTsinLeavesTsoutWithOneWarning) {
 }
 
 TEST_F(HalOutputRf, AStreamGoneFromTsinLeavesTsoutWithOneWarning) {
-  hal_service_t* a = add_service(tsin, "A", 1, {100, 64});
+  hal_service_t* a = add_service(tsin, 1, "A", h264({100, 64}));
   sync();
   hal_service_t* mirror = hal_ts_find_service_by_tag(rf->tsout, a->tag);
   ASSERT_NE(mirror, nullptr);
@@ -564,7 +508,7 @@ TEST_F(HalOutputRf, AStreamGoneFromTsinLeavesTsoutWithOneWarning) {
 }
 
 TEST_F(HalOutputRf, ANewInputServiceIsCopiedIntoTsoutDisabled) {
-  hal_service_t* a = add_service(tsin, "Sports", 0x44, {3000, 192});
+  hal_service_t* a = add_service(tsin, 0x44, "Sports", h264({3000, 192}));
   hal_service_set_lcn(a, 12);
   hal_service_set_pmt_pid(a, 0x1000);
   hal_service_set_enabled(a, 1);
@@ -591,7 +535,7 @@ TEST_F(HalOutputRf, ANewInputServiceIsCopiedIntoTsoutDisabled) {
 }
 
 TEST_F(HalOutputRf, EnabledIsNeverCopiedFromTsinToTsout) {
-  hal_service_t* a = add_service(tsin, "A", 1, {100});
+  hal_service_t* a = add_service(tsin, 1, "A", h264({100}));
   sync();
   hal_service_set_enabled(a, 1);
   sync();
@@ -600,8 +544,8 @@ TEST_F(HalOutputRf, EnabledIsNeverCopiedFromTsinToTsout) {
 }
 
 TEST_F(HalOutputRf, DisablingAServiceOnTsoutDisablesItInTsinAndLowersTheBitrate) {
-  hal_service_t* a = add_service(tsin, "A", 1, {100, 200});
-  hal_service_t* b = add_service(tsin, "B", 2, {50});
+  hal_service_t* a = add_service(tsin, 1, "A", h264({100, 200}));
+  hal_service_t* b = add_service(tsin, 2, "B", h264({50}));
   sync();
   EXPECT_EQ(bitrate(), 0u);
   hal_service_t* a_out = hal_ts_find_service_by_tag(rf->tsout, a->tag);
@@ -620,22 +564,22 @@ TEST_F(HalOutputRf, DisablingAServiceOnTsoutDisablesItInTsinAndLowersTheBitrate)
 }
 
 TEST_F(HalOutputRf, BitrateCountsOnlyEnabledServicesOfTsout) {
-  hal_service_t* on = add_service(rf->tsout, "On", 1, {1000, 128, 64});
-  add_service(rf->tsout, "Off", 2, {5000});
-  hal_service_t* empty = add_service(rf->tsout, "Empty", 3, {});
+  hal_service_t* on = add_service(rf->tsout, 1, "On", h264({1000, 128, 64}));
+  add_service(rf->tsout, 2, "Off", h264({5000}));
+  hal_service_t* empty = add_service(rf->tsout, 3, "Empty");
   hal_service_set_enabled(on, 1);
   hal_service_set_enabled(empty, 1);
-  add_service(tsin, "Input", 4, {9000})->enabled = 1;
+  add_service(tsin, 4, "Input", h264({9000}))->enabled = 1;
   EXPECT_EQ(bitrate(), 1192u);
 }
 
 TEST_F(HalOutputRf, BitrateIsZeroWithNothingEnabled) {
-  add_service(rf->tsout, "Off", 2, {5000});
+  add_service(rf->tsout, 2, "Off", h264({5000}));
   EXPECT_EQ(bitrate(), 0u);
 }
 
 TEST_F(HalOutputRf, ARenameOnTsoutIsUndoneByTheInput) {
-  hal_service_t* a = add_service(tsin, "News", 1, {100});
+  hal_service_t* a = add_service(tsin, 1, "News", h264({100}));
   sync();
   hal_service_t* a_out = hal_ts_find_service_by_tag(rf->tsout, a->tag);
   hal_service_set_name(a_out, "Mine");
@@ -657,12 +601,7 @@ TEST_F(HalOutputRf, ATsidChangeOnTsoutReachesTsinAndThePsi) {
 
 TEST_F(HalOutputRf, SyncPushesTheIdentityThroughTsinsSettersThenThePsi) {
   wire_ts(tsin);
-  hal_ts_set_tsid(rf->tsout, 7);
-  hal_ts_set_onid(rf->tsout, 8);
-  hal_ts_set_nid(rf->tsout, 9);
-  hal_ts_set_private_data_specifier(rf->tsout, 40);
-  hal_ts_set_network_name(rf->tsout, "Net");
-  hal_ts_set_network_version(rf->tsout, 3);
+  set_identity(rf->tsout, {7, 8, 9, 40, "Net", 3});
   sync();
   EXPECT_EQ(calls, (std::vector<std::string>{"tsin tsid 7", "tsin onid 8", "tsin nid 9", "tsin pds 40",
                                              "tsin network_name Net", "tsin network_version 3", "psi"}));
@@ -715,26 +654,24 @@ TEST_F(HalOutputRf, FailingApplyLogsOnlyTheOpeningLinesAndIsRetried) {
 }
 
 /* The output in the box: fed by an HDMI input's TS, as a chain without multiplexer. */
-class HalOutputRfPoll : public ::testing::Test {
+class HalOutputRfPoll : public HalTest {
  protected:
   hal_input_hdmi_t* hdmi;
   hal_output_rf_t* rf;
-  std::string errors;
 
   static hal_err_t fake_hdmi_apply(void* user) { return record(user, "apply hdmi", "apply hdmi"); }
   static hal_err_t fake_rf_apply(void* user) { return record(user, "apply rf", "apply rf"); }
 
   void SetUp() override {
-    calls.clear();
-    failing.clear();
-    hal_ts_tag = hal_service_tag = hal_stream_tag = 0;
+    HalTest::SetUp();
+    failure = HAL_MOD_TARN_ERR;
     hdmi = new_hal_input_hdmi();
     hdmi->hal_object.user = &driver;
     hdmi->apply = fake_hdmi_apply;
     hdmi->tsout = new_hal_ts();
     hdmi->tsout->hal_object.user = &driver;
-    hdmi->tsout->sync.psi = fake_psi;
-    hal_service_set_enabled(add_service(hdmi->tsout, "Camera", 1, {4000, 128}), 1);
+    hdmi->tsout->sync.psi = fake_tsin_psi;
+    hal_service_set_enabled(add_service(hdmi->tsout, 1, "Camera", h264({4000, 128})), 1);
     lnklist_push_node(&hal, &hdmi->hal_object.node);
     rf = new_hal_output_rf(hdmi->tsout);
     rf->hal_object.user = &driver;
@@ -742,25 +679,8 @@ class HalOutputRfPoll : public ::testing::Test {
     lnklist_push_node(&hal, &rf->hal_object.node);
     verbose = 1;
   }
-  void TearDown() override {
-    hal_cleanup();
-    verbose = 0;
-  }
   /* The poll cycle's own step lines, in order. */
-  std::vector<std::string> poll() {
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(hal_poll(), HAL_OK);
-    errors = testing::internal::GetCapturedStderr();
-    std::string out = testing::internal::GetCapturedStdout();
-    std::vector<std::string> steps;
-    std::smatch match;
-    std::regex step("\\[MSG\\]: (</?[A-Z_]+_REQUIRED> [a-z_]+ \\([0-9]+\\))");
-    for (auto it = out.cbegin(); std::regex_search(it, out.cend(), match, step); it = match.suffix().first) {
-      steps.push_back(match[1]);
-    }
-    return steps;
-  }
+  std::vector<std::string> poll() { return step_lines(HalTest::poll()); }
 };
 
 TEST_F(HalOutputRfPoll, ANewChainSyncsUntilQuietThenApplies) {

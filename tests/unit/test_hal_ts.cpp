@@ -5,18 +5,12 @@
 #include <vector>
 
 #include "dbg.h"
+#include "hal_test_support.h"
 #include "hal_ts.h"
 
 namespace {
 
-std::vector<std::string> calls;
-hal_err_t fail_on = HAL_OK; /* what the fake named in `failing` returns */
-std::string failing;
-
-hal_err_t record(const std::string& call, const std::string& name) {
-  calls.push_back(call);
-  return name == failing ? fail_on : HAL_OK;
-}
+using namespace hal_test;
 
 hal_err_t set_tsid(void*, uint16_t v) { return record("tsid=" + std::to_string(v), "tsid"); }
 hal_err_t set_onid(void*, uint16_t v) { return record("onid=" + std::to_string(v), "onid"); }
@@ -33,44 +27,16 @@ hal_err_t get_name(void*, char* v, size_t size) {
   return record("get name " + std::to_string(size), "get name");
 }
 hal_err_t set_enabled(void* user, uint32_t tag, uint8_t v) {
-  return record("enabled tag " + std::to_string(tag) + " = " + std::to_string(v) +
-                    (user != nullptr ? " user" : ""),
-                "enabled");
-}
-hal_err_t sync_psi(hal_ts_t* to, hal_ts_t* from) {
-  return record("psi " + std::to_string(to->tag) + " from " + std::to_string(from->tag), "psi");
+  return record(
+      "enabled tag " + std::to_string(tag) + " = " + std::to_string(v) + (user != nullptr ? " user" : ""),
+      "enabled");
 }
 
-/* The warnings with their line numbers cut out, one string per warning. */
-std::vector<std::string> warnings(const std::string& err) {
-  static const std::regex warning("\x1B\\[33mtavid \\[WRN\\]: Warning in function '([a-z_0-9]+)' \\[line [0-9]+\\]:"
-                                  "\n\r\t([^\x1B]*)\x1B\\[0m\n\r");
-  std::vector<std::string> found;
-  for (std::sregex_iterator it(err.begin(), err.end(), warning), end; it != end; ++it) {
-    found.push_back((*it)[1].str() + ": " + (*it)[2].str());
-  }
-  return found;
-}
-
-/* The message lines, without their colour and program prefix. */
-std::vector<std::string> messages(const std::string& out) {
-  static const std::regex message("\x1B\\[0mtavid \\[MSG\\]: ([^\x1B]*)\x1B\\[0m\n\r");
-  std::vector<std::string> found;
-  for (std::sregex_iterator it(out.begin(), out.end(), message), end; it != end; ++it) found.push_back((*it)[1]);
-  return found;
-}
-
-class HalTs : public ::testing::Test {
+class HalTs : public HalTest {
  protected:
-  void SetUp() override {
-    hal_ts_tag = hal_service_tag = hal_stream_tag = 0;
-    calls.clear();
-    failing.clear();
-    fail_on = HAL_OK;
-  }
   void TearDown() override {
     for (hal_ts_t* ts : owned) ts->hal_object.delete_(&ts->hal_object);
-    verbose = 0;
+    HalTest::TearDown();
   }
   hal_ts_t* ts() {
     hal_ts_t* created = new_hal_ts();
@@ -79,11 +45,7 @@ class HalTs : public ::testing::Test {
   }
   /* A service with the given SID and name and one stream per PID. */
   hal_service_t* service(hal_ts_t* parent, uint16_t sid, const char* name, std::vector<uint16_t> pids) {
-    hal_service_t* created = hal_ts_new_service(parent);
-    hal_service_set_sid(created, sid);
-    hal_service_set_name(created, name);
-    for (uint16_t pid : pids) hal_stream_set_pid(hal_service_new_stream(created), pid);
-    return created;
+    return add_service(parent, sid, name, streams_of(pids));
   }
   std::vector<hal_ts_t*> owned;
 };
@@ -138,7 +100,7 @@ TEST_F(HalTs, SetterStoresOnlyWhatTheDriverAccepted) {
   t->set.tsid = set_tsid;
   EXPECT_EQ(HAL_OK, hal_ts_set_tsid(t, 7));
   failing = "tsid";
-  fail_on = HAL_MOD_TARN_ERR;
+  failure = HAL_MOD_TARN_ERR;
   EXPECT_EQ(HAL_MOD_TARN_ERR, hal_ts_set_tsid(t, 8));
   EXPECT_EQ(7, t->settings.tsid);
   EXPECT_EQ(HAL_MOD_TARN_ERR, t->hal_object.err);
@@ -154,7 +116,7 @@ TEST_F(HalTs, GetterLetsTheDriverRefreshTheStoredValue) {
   EXPECT_EQ(0x4242, t->settings.tsid);
 
   failing = "get tsid";
-  fail_on = HAL_I2C_ERR;
+  failure = HAL_I2C_ERR;
   t->settings.tsid = 5;
   tsid = 1;
   EXPECT_EQ(HAL_I2C_ERR, hal_ts_get_tsid(t, &tsid));
@@ -191,7 +153,7 @@ TEST_F(HalTs, SetAllPushesInOrderAndStopsAtTheFirstFailure) {
 
   calls.clear();
   failing = "nid";
-  fail_on = HAL_ERR;
+  failure = HAL_ERR;
   EXPECT_EQ(HAL_ERR, hal_ts_set_all(t));
   EXPECT_EQ(HAL_ERR, t->hal_object.err);
   EXPECT_EQ((std::vector<std::string>{"tsid=1", "onid=2", "nid=3"}), calls);
@@ -253,9 +215,10 @@ TEST_F(HalTs, ChangeSeenWithoutTakingItInKeepsReporting) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(1, hal_ts_changed(t, 0));
   EXPECT_EQ(1, hal_ts_changed(t, 0));
-  std::vector<std::string> seen = warnings(testing::internal::GetCapturedStderr());
+  std::vector<std::string> seen = warnings_in(testing::internal::GetCapturedStderr());
   ASSERT_EQ(6u, seen.size());
-  EXPECT_TRUE(std::regex_match(seen[0], std::regex("hal_ts_changed: crc calc -?[0-9]+ ; crc stored -?[0-9]+ !!")));
+  EXPECT_TRUE(
+      std::regex_match(seen[0], std::regex("hal_ts_changed: crc calc -?[0-9]+ ; crc stored -?[0-9]+ !!")));
   EXPECT_EQ(seen[0], seen[3]);
   EXPECT_EQ("hal_ts_changed: ts_changed !!", seen[2]);
 
@@ -263,9 +226,10 @@ TEST_F(HalTs, ChangeSeenWithoutTakingItInKeepsReporting) {
   EXPECT_EQ(1, hal_ts_changed(t, 1));
   EXPECT_EQ(0, hal_ts_changed(t, 1));
   EXPECT_EQ(0, hal_ts_changed(t, 0));
-  seen = warnings(testing::internal::GetCapturedStderr());
+  seen = warnings_in(testing::internal::GetCapturedStderr());
   ASSERT_EQ(3u, seen.size());
-  EXPECT_EQ("hal_ts_changed: stored crc " + std::to_string(static_cast<int>(t->settings_crc)) + " !!", seen[1]);
+  EXPECT_EQ("hal_ts_changed: stored crc " + std::to_string(static_cast<int>(t->settings_crc)) + " !!",
+            seen[1]);
 }
 
 TEST_F(HalTs, StoredChecksumIsPrintedSigned) {
@@ -273,7 +237,7 @@ TEST_F(HalTs, StoredChecksumIsPrintedSigned) {
   t->settings_crc = 0xFFFFFFFF;
   testing::internal::CaptureStderr();
   hal_ts_changed(t, 0);
-  std::vector<std::string> seen = warnings(testing::internal::GetCapturedStderr());
+  std::vector<std::string> seen = warnings_in(testing::internal::GetCapturedStderr());
   ASSERT_EQ(3u, seen.size());
   EXPECT_TRUE(std::regex_match(seen[0], std::regex("hal_ts_changed: crc calc -?[0-9]+ ; crc stored -1 !!")));
   EXPECT_EQ("hal_ts_changed: stored crc -1 !!", seen[1]);
@@ -342,9 +306,9 @@ TEST_F(HalTs, SyncPsiWithoutOperationIsOk) {
 TEST_F(HalTs, SyncPsiHandsBothStreamsToTheOperation) {
   hal_ts_t* to = ts();
   hal_ts_t* from = ts();
-  to->sync.psi = sync_psi;
+  to->sync.psi = fake_psi;
   failing = "psi";
-  fail_on = HAL_MOD_TARN_ERR;
+  failure = HAL_MOD_TARN_ERR;
   EXPECT_EQ(HAL_MOD_TARN_ERR, hal_ts_sync_psi(to, from));
   EXPECT_EQ(HAL_MOD_TARN_ERR, to->hal_object.err);
   EXPECT_EQ((std::vector<std::string>{"psi 0 from 1"}), calls);
@@ -384,7 +348,7 @@ TEST_F(HalTsMirror, CopiesServicesAndStreamsWithTheirTags) {
   testing::internal::CaptureStdout();
   hal_ts_mirror_services(tsout, tsin, &mirror);
   EXPECT_EQ((std::vector<std::string>{"Add service (tag: 0, name: \"one\", enabled: 0)"}),
-            messages(testing::internal::GetCapturedStdout()));
+            messages_in(testing::internal::GetCapturedStdout()));
   hal_service_t* copy = hal_ts_find_service_by_tag(tsout, source->tag);
   ASSERT_NE(nullptr, copy);
   EXPECT_EQ(0, copy->enabled); /* the operator's choice, never copied */
@@ -415,9 +379,10 @@ TEST_F(HalTsMirror, UpdateOverwritesAllButEnabledAndDropsVanishedStreams) {
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
   hal_ts_mirror_services(tsout, tsin, &mirror);
-  EXPECT_EQ((std::vector<std::string>{"hal_output_rf_sync: G"}), warnings(testing::internal::GetCapturedStderr()));
+  EXPECT_EQ((std::vector<std::string>{"hal_output_rf_sync: G"}),
+            warnings_in(testing::internal::GetCapturedStderr()));
   EXPECT_EQ((std::vector<std::string>{"Update service (tag: 0, name: \"one\", enabled: 1)"}),
-            messages(testing::internal::GetCapturedStdout()));
+            messages_in(testing::internal::GetCapturedStdout()));
   EXPECT_EQ(crc + 1, copy->settings_crc);
   ASSERT_EQ(1u, copy->stream_list.node_count);
   EXPECT_EQ(0x200, reinterpret_cast<hal_stream_t*>(copy->stream_list.head)->settings.pid);
@@ -442,10 +407,10 @@ TEST_F(HalTsMirror, RemovesServicesNoSourceCarries) {
   testing::internal::CaptureStderr();
   hal_ts_mirror_remove_stale(tsout, sources, 3, &mirror);
   EXPECT_EQ((std::vector<std::string>{"hal_output_rf_sync: F", "hal_output_rf_sync: F"}),
-            warnings(testing::internal::GetCapturedStderr()));
+            warnings_in(testing::internal::GetCapturedStderr()));
   EXPECT_EQ((std::vector<std::string>{"Remove service (tag: 1, name: \"gone\")",
                                       "Remove service (tag: 2, name: \"also gone\")"}),
-            messages(testing::internal::GetCapturedStdout()));
+            messages_in(testing::internal::GetCapturedStdout()));
   EXPECT_EQ(crc + 2, tsout->settings_crc);
   ASSERT_EQ(1u, tsout->service_list.node_count);
   EXPECT_EQ(kept->tag, reinterpret_cast<hal_service_t*>(tsout->service_list.head)->tag);
@@ -459,12 +424,13 @@ TEST_F(HalTsMirror, IdentityIsCopiedAndPushed) {
   verbose = 1;
   testing::internal::CaptureStdout();
   EXPECT_EQ(HAL_OK, hal_ts_mirror_identity(to, from));
-  EXPECT_EQ((std::vector<std::string>{"Update TSIN (TSID: 1, ONID: 2, NID: 3, private_data_spec: 4, network_name: "
-                                      "\"net\", network_version: 6)"}),
-            messages(testing::internal::GetCapturedStdout()));
+  EXPECT_EQ(
+      (std::vector<std::string>{"Update TSIN (TSID: 1, ONID: 2, NID: 3, private_data_spec: 4, network_name: "
+                                "\"net\", network_version: 6)"}),
+      messages_in(testing::internal::GetCapturedStdout()));
   EXPECT_EQ((std::vector<std::string>{"tsid=1", "onid=2", "nid=3", "pds=4", "name=net", "version=6"}), calls);
   failing = "onid";
-  fail_on = HAL_ERR;
+  failure = HAL_ERR;
   EXPECT_EQ(HAL_ERR, hal_ts_mirror_identity(to, from));
 }
 
@@ -482,7 +448,7 @@ TEST_F(HalTsMirror, EnabledFlowsBackByTag) {
   EXPECT_EQ(1, hal_ts_mirror_enabled(tsin, tsout));
   EXPECT_EQ((std::vector<std::string>{"Update service (tag: 1, name: \"b\", enabled: 1)",
                                       "Update service (tag: 0, name: \"a\", enabled: 0)"}),
-            messages(testing::internal::GetCapturedStdout()));
+            messages_in(testing::internal::GetCapturedStdout()));
   EXPECT_EQ(1, hal_ts_find_service(tsin, 2)->enabled);
 }
 

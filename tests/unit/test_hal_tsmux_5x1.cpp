@@ -3,28 +3,19 @@
 #include <string.h>
 
 #include <algorithm>
-#include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "dbg.h"
 #include "hal.h"
 #include "hal_output_ip.h"
+#include "hal_test_support.h"
 #include "hal_ts.h"
 #include "hal_tsmux_5x1.h"
 
 namespace {
 
-/* What the fake chip and modules were handed, in order; a call equal to fail_on answers with an
- * error. */
-std::vector<std::string> calls;
-std::string fail_on;
-
-hal_err_t record(const std::string& call) {
-  calls.push_back(call);
-  return call == fail_on ? HAL_TSMUX_ERR : HAL_OK;
-}
+using namespace hal_test;
 
 std::string label(void* user) { return user != nullptr ? static_cast<const char*>(user) : "-"; }
 
@@ -49,10 +40,6 @@ hal_err_t fake_get_enabled(void* user, uint8_t port, uint8_t* enabled) {
   if (err == HAL_OK) *enabled = 1;
   return err;
 }
-hal_err_t fake_psi(hal_ts_t* ts_to, hal_ts_t* ts_from) {
-  return record("psi " + std::to_string(ts_to->tag) + " from " + std::to_string(ts_from->tag));
-}
-hal_err_t fake_tsid(void*, uint16_t tsid) { return record("tsid " + std::to_string(tsid)); }
 hal_err_t fake_ip_apply(hal_output_ip_t*) { return record("ip apply"); }
 
 /* The calls one filter set-up hands the chip. */
@@ -82,60 +69,19 @@ std::vector<std::string> operator+(std::vector<std::string> a, const std::string
   return a;
 }
 
-std::string msg(const std::string& text) { return "\x1B[0mtavid [MSG]: " + text + "\x1B[0m\n\r"; }
-
-std::string wrn(const std::string& func, const std::string& text) {
-  return "\x1B[33mtavid [WRN]: Warning in function '" + func + "' [line N]:\n\r\t" + text + "\x1B[0m\n\r";
-}
-
-std::string without_line_numbers(const std::string& text) {
-  return std::regex_replace(text, std::regex("\\[line [0-9]+\\]"), "[line N]");
-}
-
 std::string service_line(const char* what, int tag, const std::string& name, int enabled) {
   return msg(std::string(what) + " service (tag: " + std::to_string(tag) + ", name: \"" + name +
              "\", enabled: " + std::to_string(enabled) + ")");
 }
 
-/* The poll cycle's step lines, in order. */
-std::vector<std::string> step_lines(const std::string& out) {
-  std::vector<std::string> lines;
-  std::istringstream in(out);
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.find("_REQUIRED> ") == std::string::npos) continue;
-    size_t start = line.find('<');
-    lines.push_back(line.substr(start, line.find('\x1B', start) - start));
-  }
-  return lines;
-}
-
-hal_service_t* add_service(hal_ts_t* ts, uint16_t sid, const std::string& name, std::vector<uint16_t> pids) {
-  hal_service_t* service = hal_ts_new_service(ts);
-  service->settings.sid = sid;
-  service->settings.type = 1;
-  hal_service_set_name(service, name.c_str());
-  service->settings.lcn = sid;
-  service->settings.pmt_pid = static_cast<uint16_t>(0x100 + sid);
-  for (uint16_t pid : pids) {
-    hal_stream_t* stream = hal_service_new_stream(service);
-    stream->settings.pid = pid;
-    stream->settings.type = HAL_AAC;
-    stream->settings.bitrate_kbps = 128;
-  }
+/* Type 1, LCN the SID and PMT PID 0x100 + SID; AAC streams at 128 kbit/s. */
+hal_service_t* add_aac_service(hal_ts_t* ts, uint16_t sid, const std::string& name,
+                               const std::vector<uint16_t>& pids) {
+  hal_service_t* service = add_service(ts, sid, name, streams_of(pids, HAL_AAC, 128));
+  hal_service_set_type(service, 1);
+  hal_service_set_lcn(service, sid);
+  hal_service_set_pmt_pid(service, static_cast<uint16_t>(0x100 + sid));
   return service;
-}
-
-hal_service_t* service_at(hal_ts_t* ts, int index) {
-  lnklist_node_t* node = ts->service_list.head;
-  while (node != nullptr && index-- > 0) node = node->next;
-  return reinterpret_cast<hal_service_t*>(node);
-}
-
-hal_stream_t* stream_at(hal_service_t* service, int index) {
-  lnklist_node_t* node = service->stream_list.head;
-  while (node != nullptr && index-- > 0) node = node->next;
-  return reinterpret_cast<hal_stream_t*>(node);
 }
 
 /* The board's routing: inputs 0 to 3 on ports 4, 2, 0, 1; the fifth input, on port 3, is not
@@ -154,18 +100,11 @@ hal_tsmux_5x1_t* new_mux(hal_ts_t* const* ins, const char* chip) {
   return mux;
 }
 
-void delete_object(void* object) {
-  hal_object_t* header = static_cast<hal_object_t*>(object);
-  header->delete_(header);
-}
-
-class HalTsmux5x1 : public ::testing::Test {
+class HalTsmux5x1 : public HalTest {
  protected:
   void SetUp() override {
-    hal_ts_tag = hal_service_tag = hal_stream_tag = 0;
-    calls.clear();
-    fail_on.clear();
-    verbose = 0;
+    HalTest::SetUp();
+    failure = HAL_TSMUX_ERR;
     for (hal_ts_t*& in : ins) in = new_hal_ts();
     mux = new_mux(ins, "A");
     ASSERT_NE(mux, nullptr);
@@ -173,44 +112,26 @@ class HalTsmux5x1 : public ::testing::Test {
   void TearDown() override {
     if (mux != nullptr) delete_object(mux);
     for (hal_ts_t* in : ins) delete_object(in);
-    hal_cleanup();
-    verbose = 0;
+    HalTest::TearDown();
   }
   /* One service per input, tags 0 to 3 in input order. */
   void add_services() {
     for (int i = 0; i < 4; i++)
-      add_service(ins[i], static_cast<uint16_t>(i + 1), "In" + std::to_string(i), {});
+      add_aac_service(ins[i], static_cast<uint16_t>(i + 1), "In" + std::to_string(i), {});
   }
   /* Runs a sync step; returns its log lines, and its warnings in `warnings`. */
   std::string sync(hal_tsmux_5x1_t* which = nullptr, std::string* warnings = nullptr) {
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    hal_tsmux_5x1_sync(which != nullptr ? which : mux);
-    std::string errors = testing::internal::GetCapturedStderr();
-    if (warnings != nullptr) *warnings = without_line_numbers(errors);
-    return testing::internal::GetCapturedStdout();
+    printed_t printed = printed_by([&] { hal_tsmux_5x1_sync(which != nullptr ? which : mux); });
+    if (warnings != nullptr) *warnings = without_lines(printed.err);
+    return printed.out;
   }
   /* Switches the service that input `i` offers on a multiplexer's tsout. */
   void switch_input(hal_tsmux_5x1_t* which, int i, uint8_t enabled) {
     hal_service_t* source = service_at(ins[i], 0);
     hal_ts_find_service_by_tag(which->tsout, source->tag)->enabled = enabled;
   }
-  void take_in(hal_ts_t* ts) {
-    testing::internal::CaptureStderr();
-    hal_ts_changed(ts, 1);
-    testing::internal::GetCapturedStderr();
-  }
-  uint8_t ts_changed(hal_ts_t* ts) {
-    testing::internal::CaptureStderr();
-    uint8_t result = hal_ts_changed(ts, 0);
-    testing::internal::GetCapturedStderr();
-    return result;
-  }
   uint8_t changed(hal_tsmux_5x1_t* which) {
-    testing::internal::CaptureStderr();
-    uint8_t result = hal_tsmux_5x1_changed(which);
-    testing::internal::GetCapturedStderr();
-    return result;
+    return quietly([which] { return hal_tsmux_5x1_changed(which); });
   }
 
   hal_ts_t* ins[4] = {};
@@ -281,7 +202,7 @@ TEST_F(HalTsmux5x1, SetEnabledGoesToTheChipFirstAndIsStoredByPort) {
   EXPECT_EQ(hal_tsmux_5x1_set_enabled(mux, 4, 1), HAL_OK);
   EXPECT_EQ(calls, (std::vector<std::string>{"A enable 4 1"}));
   EXPECT_EQ(mux->settings.enabled[4], 1);
-  fail_on = "A enable 4 0";
+  failing = "A enable 4 0";
   EXPECT_EQ(hal_tsmux_5x1_set_enabled(mux, 4, 0), HAL_TSMUX_ERR);
   EXPECT_EQ(mux->hal_object.err, HAL_TSMUX_ERR);
   EXPECT_EQ(mux->settings.enabled[4], 1);
@@ -300,7 +221,7 @@ TEST_F(HalTsmux5x1, GetEnabledLetsTheChipRefreshThePort) {
   EXPECT_EQ(calls, (std::vector<std::string>{"A get 2"}));
   EXPECT_EQ(enabled, 1);
   EXPECT_EQ(mux->settings.enabled[2], 1);
-  fail_on = "A get 3";
+  failing = "A get 3";
   enabled = 9;
   EXPECT_EQ(hal_tsmux_5x1_get_enabled(mux, 3, &enabled), HAL_TSMUX_ERR);
   EXPECT_EQ(enabled, 9);
@@ -331,7 +252,7 @@ TEST_F(HalTsmux5x1, DisabledAndPassNoneFiltersGetNoPid) {
 }
 
 TEST_F(HalTsmux5x1, ARefusedStuffingPidIsIgnoredByTheBlockFilters) {
-  fail_on = "A add 2 0x1fff";
+  failing = "A add 2 0x1fff";
   EXPECT_EQ(hal_tsmux_5x1_pidfilter_init(mux, 2, HAL_PIDFILTER_BLOCK_NONE), HAL_OK);
   EXPECT_EQ(mux->hal_object.err, HAL_OK);
   calls.clear();
@@ -340,7 +261,7 @@ TEST_F(HalTsmux5x1, ARefusedStuffingPidIsIgnoredByTheBlockFilters) {
 }
 
 TEST_F(HalTsmux5x1, ARefusedPsiPidEndsTheList) {
-  fail_on = "A add 1 0x0010";
+  failing = "A add 1 0x0010";
   EXPECT_EQ(hal_tsmux_5x1_pidfilter_init(mux, 1, HAL_PIDFILTER_BLOCK_ALL_PSI_PIDS), HAL_TSMUX_ERR);
   EXPECT_EQ(mux->hal_object.err, HAL_TSMUX_ERR);
   EXPECT_EQ(calls, (std::vector<std::string>{"A init 1 mode 1", "A add 1 0x1fff", "A add 1 0x0000",
@@ -348,13 +269,13 @@ TEST_F(HalTsmux5x1, ARefusedPsiPidEndsTheList) {
 }
 
 TEST_F(HalTsmux5x1, ARefusedStuffingPidFailsTheStuffingFilter) {
-  fail_on = "A add 4 0x1fff";
+  failing = "A add 4 0x1fff";
   EXPECT_EQ(hal_tsmux_5x1_pidfilter_init(mux, 4, HAL_PIDFILTER_PASS_STUFFING), HAL_TSMUX_ERR);
   EXPECT_EQ(mux->hal_object.err, HAL_TSMUX_ERR);
 }
 
 TEST_F(HalTsmux5x1, ARefusedResetAddsNoPid) {
-  fail_on = "A init 1 mode 1";
+  failing = "A init 1 mode 1";
   EXPECT_EQ(hal_tsmux_5x1_pidfilter_init(mux, 1, HAL_PIDFILTER_BLOCK_ALL_PSI_PIDS), HAL_TSMUX_ERR);
   EXPECT_EQ(calls, (std::vector<std::string>{"A init 1 mode 1"}));
 }
@@ -381,7 +302,7 @@ TEST_F(HalTsmux5x1, AnInputChangeOwesASyncAndIsLeftToItsProducer) {
   for (hal_ts_t* in : ins) take_in(in);
   take_in(mux->tsout);
   EXPECT_EQ(changed(mux), 0);
-  add_service(ins[3], 9, "Late", {});
+  add_aac_service(ins[3], 9, "Late", {});
   EXPECT_EQ(changed(mux), 1);
   EXPECT_EQ(mux->sync_required, 1);
   EXPECT_EQ(mux->apply_required, 0);
@@ -433,16 +354,11 @@ TEST_F(HalTsmux5x1, NoEnabledServiceSwitchesEveryPortOffThenPassesStuffingOnInpu
 
 TEST_F(HalTsmux5x1, TheFirstEnabledInputIsMasterAndTheOthersBlockPsi) {
   add_services();
-  ins[1]->set.tsid = fake_tsid;
+  ins[1]->set.tsid = fake_ts_tsid;
   ins[1]->sync.psi = fake_psi;
-  ins[3]->set.tsid = fake_tsid;
+  ins[3]->set.tsid = fake_ts_tsid;
   ins[3]->sync.psi = fake_psi;
-  hal_ts_set_tsid(mux->tsout, 0x4321);
-  hal_ts_set_onid(mux->tsout, 2);
-  hal_ts_set_nid(mux->tsout, 3);
-  hal_ts_set_private_data_specifier(mux->tsout, 40);
-  hal_ts_set_network_name(mux->tsout, "Merged");
-  hal_ts_set_network_version(mux->tsout, 6);
+  set_identity(mux->tsout, {0x4321, 2, 3, 40, "Merged", 6});
   sync();
   switch_input(mux, 1, 1);
   switch_input(mux, 3, 1);
@@ -553,8 +469,8 @@ TEST_F(HalTsmux5x1, TheSecondMultiplexerTakesItsOwnMasterAmongItsOtherInputs) {
 
 TEST_F(HalTsmux5x1, AVanishedServiceIsRemovedWithItsWarningAndTsoutCountsAsChanged) {
   add_services();
-  hal_service_t* extra = add_service(ins[2], 20, "Gone", {0x300, 0x301});
-  hal_service_t* other = add_service(ins[2], 21, "AlsoGone", {});
+  hal_service_t* extra = add_aac_service(ins[2], 20, "Gone", {0x300, 0x301});
+  hal_service_t* other = add_aac_service(ins[2], 21, "AlsoGone", {});
   sync();
   for (hal_ts_t* in : ins) take_in(in);
   take_in(mux->tsout);
@@ -579,7 +495,7 @@ TEST_F(HalTsmux5x1, AVanishedServiceIsRemovedWithItsWarningAndTsoutCountsAsChang
 }
 
 TEST_F(HalTsmux5x1, AVanishedStreamIsRemovedWithItsWarning) {
-  hal_service_t* source = add_service(ins[0], 1, "In0", {0x100, 0x101, 0x102});
+  hal_service_t* source = add_aac_service(ins[0], 1, "In0", {0x100, 0x101, 0x102});
   sync();
   hal_service_t* mirror = hal_ts_find_service_by_tag(mux->tsout, source->tag);
   take_in(mux->tsout);
@@ -598,7 +514,7 @@ TEST_F(HalTsmux5x1, AVanishedStreamIsRemovedWithItsWarning) {
 TEST_F(HalTsmux5x1, ANewServiceShowsUpSwitchedOffWithItsInputsTag) {
   sync();
   hal_stream_tag = 10;
-  hal_service_t* source = add_service(ins[3], 7, "New", {0x200, 0x201});
+  hal_service_t* source = add_aac_service(ins[3], 7, "New", {0x200, 0x201});
   source->enabled = 1;
   hal_service_tag = 30;
   sync();
@@ -619,7 +535,7 @@ TEST_F(HalTsmux5x1, ANewServiceShowsUpSwitchedOffWithItsInputsTag) {
 }
 
 TEST_F(HalTsmux5x1, AnUpdateKeepsTheSwitchOfTsout) {
-  hal_service_t* source = add_service(ins[0], 1, "In0", {0x100});
+  hal_service_t* source = add_aac_service(ins[0], 1, "In0", {0x100});
   sync();
   switch_input(mux, 0, 1);
   hal_service_set_name(source, "Renamed");
@@ -640,7 +556,7 @@ TEST_F(HalTsmux5x1, AMultiplexerWithNoInputsRemovesEverythingAndPassesStuffing) 
   empty->init.pidfilter = fake_pidfilter;
   empty->add.pidfilter_pid = fake_add_pid;
   empty->set.enabled = fake_set_enabled;
-  add_service(empty->tsout, 1, "Orphan", {0x100});
+  add_aac_service(empty->tsout, 1, "Orphan", {0x100});
   EXPECT_EQ(changed(empty), 1);
   empty->sync_required = 0;
   /* With tsout taken in there is nothing else to look at. */
@@ -665,67 +581,30 @@ TEST_F(HalTsmux5x1, ChipErrorsDoNotStopTheSyncWhichReturnsTheLastResult) {
   switch_input(mux, 0, 1);
   switch_input(mux, 1, 1);
   calls.clear();
-  fail_on = "A init 4 mode 0";
+  failing = "A init 4 mode 0";
   mux->sync_required = 1;
   sync();
   EXPECT_EQ(calls, (std::vector<std::string>{"A init 4 mode 0", enable("A", 4, 1)} +
                     filter("A", 2, HAL_PIDFILTER_BLOCK_ALL_PSI_PIDS) + enable("A", 2, 1) + enable("A", 0, 0) +
                     enable("A", 1, 0)));
   EXPECT_EQ(mux->hal_object.err, HAL_OK);
-  fail_on = enable("A", 1, 0);
+  failing = enable("A", 1, 0);
   EXPECT_EQ(hal_tsmux_5x1_sync(mux), HAL_TSMUX_ERR);
   EXPECT_EQ(mux->sync_required, 0);
 }
 
 /* ---- the multiplexer in the poll cycle ---- */
 
-/* Stands in for an HDMI input: it produces one of the multiplexer's inputs and takes in its
- * changes. */
-struct fake_input_t {
-  hal_object_t hal_object;
-  hal_ts_t* tsout;
-  uint8_t sync_required;
-  uint8_t apply_required;
-};
-
-uint8_t fake_input_changed(fake_input_t* input) {
-  if (hal_ts_changed(input->tsout, 1)) input->apply_required = 1;
-  return input->apply_required;
-}
-
-hal_err_t fake_input_apply(fake_input_t* input) {
-  input->apply_required = 0;
-  return HAL_OK;
-}
-
-void delete_fake_input(hal_object_t* object) {
-  delete_object(reinterpret_cast<fake_input_t*>(object)->tsout);
-  delete_hal_object(object);
-}
-
-const hal_poll_ops_t fake_input_ops = {"hal_input_hdmi",
-                                       hal_poll_changed<fake_input_t, fake_input_changed>,
-                                       NULL,
-                                       hal_poll_step<fake_input_t, fake_input_apply>,
-                                       offsetof(fake_input_t, sync_required),
-                                       offsetof(fake_input_t, apply_required)};
-
 /* IP MPTS in small: two inputs into the multiplexer, whose tsout the IP output streams. */
-class HalTsmux5x1Poll : public ::testing::Test {
+class HalTsmux5x1Poll : public HalTest {
  protected:
   void SetUp() override {
-    hal_ts_tag = hal_service_tag = hal_stream_tag = 0;
-    calls.clear();
-    fail_on.clear();
-    hal_poll_register(HAL_INPUT_HDMI, &fake_input_ops);
+    HalTest::SetUp();
+    failure = HAL_TSMUX_ERR;
     for (int i = 1; i >= 0; i--) {
-      inputs[i] = reinterpret_cast<fake_input_t*>(hal_object_alloc(sizeof(fake_input_t)));
-      inputs[i]->hal_object.type = HAL_INPUT_HDMI;
-      inputs[i]->hal_object.delete_ = delete_fake_input;
-      inputs[i]->tsout = new_hal_ts();
+      inputs[i] = add_fake_input(0);
       inputs[i]->tsout->sync.psi = fake_psi;
-      lnklist_push_node(&hal, &inputs[i]->hal_object.node);
-      add_service(inputs[i]->tsout, static_cast<uint16_t>(i + 1), "In" + std::to_string(i), {0x100});
+      add_aac_service(inputs[i]->tsout, static_cast<uint16_t>(i + 1), "In" + std::to_string(i), {0x100});
     }
     hal_ts_t* ins[4] = {inputs[0]->tsout, inputs[1]->tsout, nullptr, nullptr};
     mux = new_mux(ins, "A");
@@ -738,18 +617,6 @@ class HalTsmux5x1Poll : public ::testing::Test {
     verbose = 1;
     poll();
     calls.clear();
-  }
-  void TearDown() override {
-    hal_cleanup();
-    verbose = 0;
-  }
-  std::string poll(std::string* warnings = nullptr) {
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(hal_poll(), HAL_OK);
-    std::string errors = testing::internal::GetCapturedStderr();
-    if (warnings != nullptr) *warnings = errors;
-    return testing::internal::GetCapturedStdout();
   }
 
   fake_input_t* inputs[2] = {};
@@ -798,9 +665,8 @@ TEST_F(HalTsmux5x1Poll, ASecondPollWithoutAChangeDoesNothing) {
   hal_service_set_name(service_at(inputs[1]->tsout, 0), "Renamed");
   poll();
   calls.clear();
-  std::string warnings;
-  EXPECT_EQ(poll(&warnings), "");
-  EXPECT_EQ(warnings, "");
+  EXPECT_EQ(poll(), "");
+  EXPECT_EQ(errors, "");
   EXPECT_TRUE(calls.empty());
 }
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -187,6 +188,9 @@ struct jerror_case {
   cmd_json_err_t err;
   const char* reply;
 };
+
+/* Names a case by its code; GoogleTest would otherwise dump its bytes, padding included. */
+void PrintTo(const jerror_case& c, std::ostream* os) { *os << "err " << static_cast<int>(c.err); }
 
 class JError : public ::testing::TestWithParam<jerror_case> {};
 

@@ -3,7 +3,27 @@
 
 Run as a program it creates a root and serves its bus until SIGINT or SIGTERM; imported, its
 Box class does the same for the integration tests. Standard library only, so that it runs
-wherever /usr/bin/python3 does.
+wherever /usr/bin/python3 does. The encoder/modulator modules are in tavimod.
+
+The control socket sim.ctl takes one JSON command per line, {"cmd": NAME, ...}, and answers
+one JSON line with "ok" (and "error" when it failed); `--query NAME` or `--query '{...}'`
+sends one from the shell. Addresses and codes are JSON numbers or text such as "0x30".
+
+  bus_log [addr]            the bus transfers (of one address)     clear_bus_log
+  set_absent addr [absent]  the slave acknowledges nothing         nack_next addr count
+  set_temperature millidegrees
+  modules                   every module's state: "settings" (staged, what gets read back),
+                            "applied" (in use), "psi" (what it announces), status, faults
+  module addr               one module's state
+  module_log [addr]         the commands the modules took, with their replies
+  clear_module_log
+  set_module addr values    puts values straight into a module (see tavimod.Module.set_values)
+  set_busy addr ms          busy time after each command frame (0: none)
+  set_unknown addr codes    codes answered as unknown (error byte 2); [] for none
+  set_error addr code error the error byte answered to code instead of executing; null: none
+  set_corrupt addr [code] kind   broken replies (to code; absent: to all): "tag", "end",
+                            "length" (past any read), "code" (wrong echo); null: mended
+  clear_faults addr         the module's faults gone (absence is the bus's: set_absent)
 """
 
 import argparse
@@ -17,6 +37,8 @@ import sys
 import threading
 import time
 from dataclasses import dataclass
+
+import tavimod
 
 # The output modes and where the encoder/modulator modules sit on the bus in each of them.
 MODULE_ADDRESSES = {
@@ -81,9 +103,10 @@ class Memory(Slave):
 
 
 def create_modules(mode: str) -> dict:
-    """The module slaves that a box in this output mode carries, by bus address. No module is
-    simulated yet, so the bus starts empty in every mode."""
-    return {}
+    """The encoder/modulator modules that a box in this output mode carries, by bus address,
+    each with the factory values of its place on the board."""
+    return {addr: tavimod.Module(addr, index)
+            for index, addr in enumerate(MODULE_ADDRESSES[mode])}
 
 
 # ---------------------------------------------------------------------------------------------
@@ -367,6 +390,16 @@ class Box:
             "set_absent": self._command_set_absent,
             "nack_next": self._command_nack_next,
             "set_temperature": self._command_set_temperature,
+            "modules": self._command_modules,
+            "module": self._command_module,
+            "module_log": self._command_module_log,
+            "clear_module_log": self._command_clear_module_log,
+            "set_module": self._command_set_module,
+            "set_busy": self._command_set_busy,
+            "set_unknown": self._command_set_unknown,
+            "set_error": self._command_set_error,
+            "set_corrupt": self._command_set_corrupt,
+            "clear_faults": self._command_clear_faults,
         }
         self._servers = []
         self._lay_out()
@@ -409,6 +442,11 @@ class Box:
         self._write("etc/tavid.env",
                     "".join(f"{key}={shlex.quote(value)}\n" for key, value in values.items()))
 
+    def module(self, addr: int) -> tavimod.Module:
+        if addr not in self.modules:
+            raise ValueError(f"no module at address {addr:#04x} in mode {self.mode}")
+        return self.modules[addr]
+
     def calls(self) -> list:
         """The stand-in scripts' calls so far: (time, name, [arguments])."""
         try:
@@ -443,23 +481,79 @@ class Box:
         return json.dumps(answer).encode() + b"\n"
 
     def _command_bus_log(self, command: dict) -> dict:
-        return {"transactions": [transfer.to_json() for transfer in self.bus.transactions()]}
+        """Every transfer, or with "addr" those to one address."""
+        transfers = self.bus.transactions()
+        if "addr" in command:
+            addr = number(command["addr"])
+            transfers = [transfer for transfer in transfers if transfer.addr == addr]
+        return {"transactions": [transfer.to_json() for transfer in transfers]}
 
     def _command_clear_bus_log(self, command: dict) -> dict:
         self.bus.clear_log()
         return {}
 
     def _command_set_absent(self, command: dict) -> dict:
-        self.bus.set_absent(int(command["addr"]), bool(command.get("absent", True)))
+        self.bus.set_absent(number(command["addr"]), bool(command.get("absent", True)))
         return {}
 
     def _command_nack_next(self, command: dict) -> dict:
-        self.bus.nack_next(int(command["addr"]), int(command["count"]))
+        self.bus.nack_next(number(command["addr"]), number(command["count"]))
         return {}
 
     def _command_set_temperature(self, command: dict) -> dict:
         self.set_temperature(int(command["millidegrees"]))
         return {}
+
+    def _command_modules(self, command: dict) -> dict:
+        return {"modules": [self.modules[addr].state() for addr in sorted(self.modules)]}
+
+    def _command_module(self, command: dict) -> dict:
+        return {"module": self._addressed(command).state()}
+
+    def _command_module_log(self, command: dict) -> dict:
+        """The commands the modules took, in order; with "addr" those of one module."""
+        modules = [self._addressed(command)] if "addr" in command else self.modules.values()
+        entries = [entry for module in modules for entry in module.commands()]
+        return {"commands": sorted(entries, key=lambda entry: entry["seq"])}
+
+    def _command_clear_module_log(self, command: dict) -> dict:
+        for module in self.modules.values():
+            module.clear_commands()
+        return {}
+
+    def _command_set_module(self, command: dict) -> dict:
+        self._addressed(command).set_values(command["values"])
+        return {}
+
+    def _command_set_busy(self, command: dict) -> dict:
+        self._addressed(command).set_fault(busy_ms=number(command["ms"]))
+        return {}
+
+    def _command_set_unknown(self, command: dict) -> dict:
+        self._addressed(command).set_fault(unknown=[number(code) for code in command["codes"]])
+        return {}
+
+    def _command_set_error(self, command: dict) -> dict:
+        """"error": the error byte answered to "code", or null to execute it again."""
+        error = command["error"]
+        self._addressed(command).set_fault(
+            error=(number(command["code"]), None if error is None else number(error)))
+        return {}
+
+    def _command_set_corrupt(self, command: dict) -> dict:
+        """"kind": how the replies to "code" (absent: to every command) are broken, or null
+        to mend them."""
+        code = command.get("code")
+        self._addressed(command).set_fault(
+            corrupt=(None if code is None else number(code), command["kind"]))
+        return {}
+
+    def _command_clear_faults(self, command: dict) -> dict:
+        self._addressed(command).clear_faults()
+        return {}
+
+    def _addressed(self, command: dict) -> tavimod.Module:
+        return self.module(number(command["addr"]))
 
     # -- the root's files ---------------------------------------------------------------------
 
@@ -502,6 +596,15 @@ class Box:
             file.write(text)
         if executable:
             os.chmod(path, 0o755)
+
+
+def number(value) -> int:
+    """A number of a control command: a JSON number, or text such as "0x30" for people."""
+    if isinstance(value, str):
+        return int(value, 0)
+    if isinstance(value, bool) or not isinstance(value, int):
+        raise ValueError(f"not a number: {value!r}")
+    return value
 
 
 # ---------------------------------------------------------------------------------------------

@@ -249,9 +249,567 @@ def test_every_transfer_is_logged(box, memory):
 @pytest.mark.parametrize("mode", tavisim.MODES)
 def test_bus_carries_exactly_the_modes_modules(make_box, mode):
     box = make_box(mode)
-    assert set(box.modules) <= set(tavisim.MODULE_ADDRESSES[mode])
+    assert sorted(box.modules) == ({"ip_spts": [0x32]}.get(mode) or [0x30, 0x31, 0x32, 0x33])
     for addr in range(0x80):
         assert box.bus.slave(addr) is box.modules.get(addr)
+
+
+# ---------------------------------------------------------------------------------------------
+# Encoder/modulator modules
+
+
+MODULE = 0x30
+
+
+def transact(sock, addr, frame, length):
+    """One module transaction as the daemon makes it: the command frame, the wait byte, then a
+    read of length bytes. The bytes read, without the bus's status byte."""
+    assert bus_write(sock, addr, frame) == b"\x00"
+    assert bus_write(sock, addr, b"\x00") == b"\x00"
+    answer = bus_read(sock, addr, length)
+    assert answer[:1] == b"\x00"
+    return answer[1:]
+
+
+def command(box, frame, length, addr=MODULE):
+    with bus_connect(box) as sock:
+        return transact(sock, addr, frame, length)
+
+
+def parameters(box, addr=MODULE, group="settings"):
+    return box.modules[addr].state()[group]["parameters"]
+
+
+def test_modules_sit_at_their_places_with_their_factory_values(make_box):
+    rf = make_box("rf")
+    assert [(m.addr, m.index) for m in rf.modules.values()] == [
+        (0x30, 0), (0x31, 1), (0x32, 2), (0x33, 3)]
+    assert [(p["sid"], p["lcn"], p["service_name"], p["pmt_pid"], p["video_pid"], p["audio_pid"],
+             p["frequency"]) for p in (parameters(rf, addr) for addr in rf.modules)] == [
+        (1, 1, "HDMI 1", 0x100, 0x101, 0x102, 474000),
+        (2, 2, "HDMI 2", 0x200, 0x201, 0x202, 482000),
+        (3, 3, "HDMI 3", 0x300, 0x301, 0x302, 490000),
+        (4, 4, "HDMI 4", 0x400, 0x401, 0x402, 498000)]
+    spts = make_box("ip_spts")
+    assert parameters(spts, 0x32)["service_name"] == "HDMI 1"
+
+
+def test_factory_module_announces_one_service_with_audio_then_video(box):
+    assert box.modules[0x31].psi() == {
+        "tsid": 1, "onid": 1, "nid": 1, "private_data_specifier": 0x28, "network_name": "tavi",
+        "network_version": 0,
+        "services": [{"slot": None, "sid": 2, "lcn": 2, "service_name": "HDMI 2",
+                      "pmt_pid": 0x200, "streams": [{"pid": 0x202, "stream_type": 0x0F},
+                                                    {"pid": 0x201, "stream_type": 0x1B}]}]}
+
+
+def test_alive_info_and_status_replies(box):
+    assert command(box, b"#\x00\x00\r", 5) == b"#\x00\x00\x00\r"
+    assert command(box, b"#\xff\x00\r", 11) == b"#\xff\x00\x06\x00\x01V\x02\x04\x01\r"
+    # locked, 1080 lines, 'p', 50 frames/s, 24128 kbit/s (DVB-T 8 MHz 64-QAM 2/3 1/32), no overflow
+    assert command(box, b"#\xfe\x00\r", 13) == b"#\xfe\x00\x08\x01\x04\x38p\x32\x5e\x40\x00\r"
+
+
+def test_reply_is_padded_with_zeros_up_to_the_length_read(box):
+    assert command(box, b"#\x00\x00\r", 20) == b"#\x00\x00\x00\r" + bytes(15)
+    assert command(box, b"#\x98\x00\r", 20) == b"#\x98\x00\x06HDMI 1\r" + bytes(9)
+
+
+def test_reply_can_be_read_again_until_the_next_command(box):
+    with bus_connect(box) as sock:
+        assert bus_read(sock, MODULE, 5) == b"\x00" + bytes(5)  # nothing asked yet
+        assert transact(sock, MODULE, b"#\x83\x00\r", 9) == b"#\x83\x00\x04\x00\x07\x3b\x90\r"
+        assert bus_read(sock, MODULE, 9) == b"\x00#\x83\x00\x04\x00\x07\x3b\x90\r"
+        assert bus_read(sock, MODULE, 3) == b"\x00#\x83\x00"
+
+
+def test_frequency_set_is_staged_read_back_and_used_after_apply(box):
+    assert command(box, b"#\x03\x04\x00\x07\x3b\x90\r", 5) == b"#\x03\x00\x00\r"
+    assert command(box, b"#\x03\x04\x00\x0b\x71\xb0\r", 5) == b"#\x03\x00\x00\r"
+    assert command(box, b"#\x83\x00\r", 9) == b"#\x83\x00\x04\x00\x0b\x71\xb0\r"
+    state = box.modules[MODULE].state()
+    assert (state["settings"]["parameters"]["frequency"],
+            state["applied"]["parameters"]["frequency"], state["pending"], state["applies"]) == (
+        750000, 474000, True, 0)
+    assert command(box, b"#\x70\x00\r", 5) == b"#\x70\x00\x00\r"
+    state = box.modules[MODULE].state()
+    assert (state["applied"]["parameters"]["frequency"], state["pending"], state["applies"]) == (
+        750000, False, 1)
+
+
+# set code, set payload, parameter, value the module holds. Every value differs from the
+# factory one.
+PARAMETER_CASES = [
+    (0x01, b"\x02", "output_type", 2),
+    (0x02, b"\xf1", "level", -15),
+    (0x03, b"\x00\x0f\x42\x40", "frequency", 1000000),
+    (0x04, b"\x07", "bandwidth", 7),
+    (0x05, b"\x1a\xdb", "symbolrate", 6875),
+    (0x06, b"\x08", "constellation", 8),
+    (0x07, b"\x03", "guardinterval", 3),
+    (0x08, b"\x04", "coderate", 4),
+    (0x09, b"\x02", "fftmode", 2),
+    (0x0A, b"\x01", "carriertype", 1),
+    (0x0B, b"\x02", "interleave", 2),
+    (0x0C, b"\x01", "syncframe", 1),
+    (0x0D, b"\x05", "pnphase", 5),
+    (0x0E, b"\x2e\xe0", "video_bitrate", 12000),
+    (0x0F, b"\x0c", "video_gopsize", 12),
+    (0x10, b"\x02", "audio_stream_type", 2),
+    (0x11, b"\x01\x00", "audio_bitrate", 256),
+    (0x12, b"\x12\x34", "sid", 0x1234),
+    (0x13, b"\x00\x2a", "tsid", 42),
+    (0x14, b"\x20\x85", "onid", 0x2085),
+    (0x15, b"\x30\x01", "nid", 0x3001),
+    (0x16, b"\x00\x00\x23\x3a", "private_data_specifier", 0x233A),
+    (0x17, b"\x00\x07", "lcn", 7),
+    (0x18, b"Sport HD", "service_name", "Sport HD"),
+    (0x19, b"Cable Net", "network_name", "Cable Net"),
+    (0x1A, b"\x09", "network_version", 9),
+    (0x1B, b"\x10\x00", "pmt_pid", 0x1000),
+    (0x1C, b"\x10\x01", "video_pid", 0x1001),
+    (0x1D, b"\x10\x02", "audio_pid", 0x1002),
+    (0x60, b"\x01", "level_unit", 1),
+    (0x6A, b"\x00", "rf_out_enable", 0),
+]
+
+
+@pytest.mark.parametrize("code, payload, name, value", PARAMETER_CASES,
+                         ids=[case[2] for case in PARAMETER_CASES])
+def test_every_parameter_is_set_and_read_back(box, code, payload, name, value):
+    factory = parameters(box)
+    assert factory[name] != value
+    frame = bytes([0x23, code, len(payload)]) + payload + b"\r"
+    assert command(box, frame, 5) == bytes([0x23, code, 0, 0, 0x0D])
+    text = isinstance(value, str)
+    length = 20 if text else 4 + len(payload) + 1
+    reply = bytes([0x23, code | 0x80, 0, len(payload)]) + payload + b"\r"
+    assert command(box, bytes([0x23, code | 0x80, 0, 0x0D]), length) == reply.ljust(length, b"\0")
+    assert parameters(box)[name] == value
+    assert parameters(box, group="applied") == factory
+    assert {key: v for key, v in parameters(box).items() if key != name} == {
+        key: v for key, v in factory.items() if key != name}
+
+
+def test_parameter_codes_of_other_modules_stay_apart(box):
+    command(box, b"#\x12\x02\x00\x63\r", 5, addr=0x31)
+    assert (parameters(box, 0x30)["sid"], parameters(box, 0x31)["sid"]) == (1, 0x63)
+
+
+def test_names_of_up_to_15_characters_are_taken(box):
+    assert command(box, b"#\x18\x0fFifteen chars!!\r", 5) == b"#\x18\x00\x00\r"
+    assert command(box, b"#\x98\x00\r", 20) == b"#\x98\x00\x0fFifteen chars!!\r"
+    assert command(box, b"#\x19\x00\r", 5) == b"#\x19\x00\x00\r"
+    assert command(box, b"#\x99\x00\r", 20) == b"#\x99\x00\x00\r" + bytes(15)
+    assert command(box, b"#\x18\x10Sixteen chars!!!\r", 5) == b"#\x18\x04\x00\r"
+    assert parameters(box)["service_name"] == "Fifteen chars!!"
+
+
+SLOT_CASES = [
+    (0x62, b"\x01", "enable", 1),
+    (0x63, b"\x00\x65", "sid", 101),
+    (0x64, b"\x00\x0b", "lcn", 11),
+    (0x65, b"News 24", "service_name", "News 24"),
+    (0x66, b"\x05\x00", "pmt_pid", 0x500),
+    (0x67, b"\x05\x01", "video_pid", 0x501),
+    (0x68, b"\x05\x02", "audio_pid", 0x502),
+    (0x69, b"\x02", "audio_stream_type", 2),
+]
+
+
+@pytest.mark.parametrize("code, payload, name, value", SLOT_CASES,
+                         ids=[case[2] for case in SLOT_CASES])
+def test_every_extra_service_value_is_set_and_read_back_per_slot(box, code, payload, name,
+                                                                 value):
+    factory = box.modules[MODULE].state()["settings"]["extra_services"]
+    frame = bytes([0x23, code, len(payload) + 1, 1]) + payload + b"\r"
+    assert command(box, frame, 5) == bytes([0x23, code, 0, 0, 0x0D])
+    length = 20 if isinstance(value, str) else 4 + len(payload) + 1
+    reply = bytes([0x23, code | 0x80, 0, len(payload)]) + payload + b"\r"
+    get = bytes([0x23, code | 0x80, 1, 1, 0x0D])
+    assert command(box, get, length) == reply.ljust(length, b"\0")
+    slots = box.modules[MODULE].state()["settings"]["extra_services"]
+    assert slots[1] == {**factory[1], name: value}
+    assert (slots[0], slots[2]) == (factory[0], factory[2])
+    assert command(box, bytes([0x23, code | 0x80, 1, 2, 0x0D]), length)[3:4] == (
+        b"\x00" if isinstance(value, str) else bytes([len(payload)]))
+
+
+def test_extra_service_slot_past_the_third_is_out_of_bounds(box):
+    before = box.modules[MODULE].state()["settings"]
+    assert command(box, b"#\x63\x03\x03\x00\x65\r", 5) == b"#\x63\x04\x00\r"
+    assert command(box, b"#\xe3\x01\x03\r", 7) == b"#\xe3\x04\x00\r\x00\x00"
+    assert box.modules[MODULE].state()["settings"] == before
+
+
+def test_extra_services_are_announced_after_apply(box):
+    for frame in (b"#\x63\x03\x00\x00\x65\r", b"#\x64\x03\x00\x00\x0b\r", b"#\x65\x05\x00News\r",
+                  b"#\x66\x03\x00\x05\x00\r", b"#\x67\x03\x00\x05\x01\r",
+                  b"#\x68\x03\x00\x05\x02\r", b"#\x69\x02\x00\x02\r", b"#\x62\x02\x00\x01\r",
+                  b"#\x63\x03\x02\x00\x66\r", b"#\x65\x05\x02Info\r", b"#\x66\x03\x02\x06\x00\r",
+                  b"#\x68\x03\x02\x06\x02\r", b"#\x62\x02\x02\x01\r"):
+        assert command(box, frame, 5) == bytes([0x23, frame[1], 0, 0, 0x0D])
+    assert [service["slot"] for service in box.modules[MODULE].psi()["services"]] == [None]
+    command(box, b"#\x70\x00\r", 5)
+    services = box.modules[MODULE].psi()["services"]
+    assert services[1:] == [
+        {"slot": 0, "sid": 101, "lcn": 11, "service_name": "News", "pmt_pid": 0x500,
+         "streams": [{"pid": 0x502, "stream_type": 0x04}, {"pid": 0x501, "stream_type": 0x1B}]},
+        {"slot": 2, "sid": 102, "lcn": 0, "service_name": "Info", "pmt_pid": 0x600,
+         "streams": [{"pid": 0x602, "stream_type": 0x0F}]}]
+    command(box, b"#\x62\x02\x00\x00\r", 5)
+    command(box, b"#\x70\x00\r", 5)
+    assert [service["slot"] for service in box.modules[MODULE].psi()["services"]] == [None, 2]
+
+
+def test_extra_service_name_of_16_characters_is_out_of_bounds(box):
+    assert command(box, b"#\x65\x10\x00Fifteen chars!!\r", 5) == b"#\x65\x00\x00\r"
+    assert command(box, b"#\xe5\x01\x00\r", 20) == b"#\xe5\x00\x0fFifteen chars!!\r"
+    assert command(box, b"#\x65\x11\x00Sixteen chars!!!\r", 5) == b"#\x65\x04\x00\r"
+
+
+def test_calibration_puts_enable_first_and_reads_back_i_and_q(box):
+    assert command(box, b"#\x61\x03\x01\xfd\x04\r", 5) == b"#\x61\x00\x00\r"
+    assert command(box, b"#\xe1\x00\r", 7) == b"#\xe1\x00\x02\xfd\x04\r"
+    assert box.modules[MODULE].state()["settings"]["calibration"] == {"enable": 1, "i": -3,
+                                                                      "q": 4}
+
+
+def test_debug_codes_are_kept_per_code(box):
+    assert command(box, b"#\xeb\x01\x32\r", 6) == b"#\xeb\x00\x01\x00\r"
+    assert command(box, b"#\x6b\x02\x32\x01\r", 5) == b"#\x6b\x00\x00\r"
+    assert command(box, b"#\xeb\x01\x32\r", 6) == b"#\xeb\x00\x01\x01\r"
+    assert command(box, b"#\xeb\x01\x33\r", 6) == b"#\xeb\x00\x01\x00\r"
+    assert box.modules[MODULE].state()["settings"]["debug_codes"] == {"50": 1}
+
+
+def test_apply_takes_the_new_modulation_into_the_status(box):
+    command(box, b"#\x06\x01\x04\r", 5)  # 16-QAM
+    assert command(box, b"#\xfe\x00\r", 13)[9:11] == b"\x5e\x40"  # not applied yet: 24128
+    command(box, b"#\x70\x00\r", 5)
+    assert command(box, b"#\xfe\x00\r", 13)[9:11] == (16085).to_bytes(2, "big")
+    command(box, b"#\x01\x01\x02\r", 5)  # DVB-C at 6900 kBaud, 16-QAM
+    command(box, b"#\x70\x00\r", 5)
+    assert command(box, b"#\xfe\x00\r", 13)[9:11] == (25435).to_bytes(2, "big")
+    command(box, b"#\x01\x01\x04\r", 5)  # ATSC terrestrial: 8-VSB whatever the rest says
+    command(box, b"#\x70\x00\r", 5)
+    assert command(box, b"#\xfe\x00\r", 13)[9:11] == (19392).to_bytes(2, "big")
+
+
+def test_reboot_forgets_what_was_not_applied(box):
+    command(box, b"#\x12\x02\x00\x63\r", 5)
+    command(box, b"#\x70\x00\r", 5)
+    command(box, b"#\x12\x02\x00\x64\r", 5)
+    assert command(box, b"#\x71\x00\r", 5) == b"#\x71\x00\x00\r"
+    assert command(box, b"#\x92\x00\r", 7) == b"#\x92\x00\x02\x00\x63\r"
+
+
+def test_factory_reset_restores_the_factory_values(box):
+    module = box.modules[MODULE]
+    factory = module.state()
+    for frame in (b"#\x03\x04\x00\x0b\x71\xb0\r", b"#\x18\x03Foo\r", b"#\x62\x02\x01\x01\r",
+                  b"#\x61\x03\x01\x05\x06\r", b"#\x6b\x02\x32\x01\r", b"#\x06\x01\x04\r",
+                  b"#\x70\x00\r", b"#\x12\x02\x00\x64\r"):
+        command(box, frame, 5)
+    assert module.state()["settings"] != factory["settings"]
+    assert command(box, b"#\x72\x00\r", 5) == b"#\x72\x00\x00\r"
+    state = module.state()
+    assert (state["settings"], state["applied"], state["psi"], state["status"]) == (
+        factory["settings"], factory["applied"], factory["psi"], factory["status"])
+    assert command(box, b"#\x98\x00\r", 20) == b"#\x98\x00\x06HDMI 1\r" + bytes(9)
+
+
+@pytest.mark.parametrize("code", [0x1E, 0x50, 0x7F, 0x80, 0x9E, 0xE0 + 0x0C, 0xFD])
+def test_unknown_code_gets_error_2_and_no_payload(box, code):
+    before = box.modules[MODULE].state()
+    assert command(box, bytes([0x23, code, 1, 7, 0x0D]), 9) == bytes(
+        [0x23, code, 2, 0, 0x0D, 0, 0, 0, 0])
+    assert box.modules[MODULE].state() == before
+
+
+@pytest.mark.parametrize("frame, reply", [
+    (b"$\x83\x00\r", b"#\x83\x01\x00\r"),  # wrong tag
+    (b"#\x83\x00\n", b"#\x83\x01\x00\r"),  # no '\r' after the payload
+    (b"#\x03\x04\x00\x0b\r", b"#\x03\x01\x00\r"),  # length past the frame
+    (b"#\x03\x02\x00\x0b\x71\xb0\r", b"#\x03\x01\x00\r"),  # '\r' not where the length says
+    (b"#", b"#\x00\x01\x00\r"),
+    (b"#\x03\x02\x00\x0b\r", b"#\x03\x01\x00\r"),  # valid frame, payload too short
+    (b"#\x83\x01\x00\r", b"#\x83\x01\x00\r"),  # a get with a payload
+    (b"#\xe3\x00\r", b"#\xe3\x01\x00\r"),  # a slot get without its slot
+    (b"#\x63\x00\r", b"#\x63\x01\x00\r"),  # a slot set without its slot
+    (b"#\x61\x02\x01\x05\r", b"#\x61\x01\x00\r"),
+])
+def test_invalid_frames_and_payload_lengths_get_error_1(box, frame, reply):
+    before = box.modules[MODULE].state()
+    assert command(box, frame, 5) == reply
+    assert box.modules[MODULE].state() == before
+
+
+def test_trailing_bytes_after_a_valid_frame_are_ignored(box):
+    assert command(box, b"#\x12\x02\x00\x63\r\xaa\xbb", 5) == b"#\x12\x00\x00\r"
+    assert parameters(box)["sid"] == 0x63
+
+
+@pytest.mark.parametrize("frame", [
+    b"#\x01\x01\x03\r", b"#\x06\x01\x09\r", b"#\x07\x01\x04\r", b"#\x08\x01\x08\r",
+    b"#\x09\x01\x03\r", b"#\x0a\x01\x02\r", b"#\x0b\x01\x03\r", b"#\x0c\x01\x03\r",
+    b"#\x10\x01\x01\r", b"#\x6a\x01\x02\r", b"#\x62\x02\x00\x02\r", b"#\x69\x02\x00\x1c\r",
+])
+def test_values_outside_an_enumeration_are_out_of_bounds(box, frame):
+    before = box.modules[MODULE].state()
+    assert command(box, frame, 5) == bytes([0x23, frame[1], 4, 0, 0x0D])
+    assert box.modules[MODULE].state() == before
+
+
+def test_numbers_are_taken_without_range_checks(box):
+    assert command(box, b"#\x03\x04\xff\xff\xff\xff\r", 5) == b"#\x03\x00\x00\r"
+    assert command(box, b"#\x02\x01\x80\r", 5) == b"#\x02\x00\x00\r"
+    assert (parameters(box)["frequency"], parameters(box)["level"]) == (0xFFFFFFFF, -128)
+
+
+def test_the_transaction_is_logged_on_the_bus(box):
+    command(box, b"#\x83\x00\r", 9)
+    assert [(t.op, t.addr, t.length, t.data, t.ack) for t in box.bus.transactions()] == [
+        ("W", MODULE, 4, b"#\x83\x00\r", True), ("W", MODULE, 1, b"\x00", True),
+        ("R", MODULE, 9, b"#\x83\x00\x04\x00\x07\x3b\x90\r", True)]
+
+
+# -- faults ---------------------------------------------------------------------------------
+
+
+def test_busy_module_acknowledges_nothing_until_done(box):
+    assert control(box, {"cmd": "set_busy", "addr": MODULE, "ms": 300}) == {"ok": True}
+    with bus_connect(box) as sock:
+        started = time.monotonic()
+        assert bus_write(sock, MODULE, b"#\x12\x02\x00\x63\r") == b"\x00"
+        assert bus_write(sock, MODULE, b"\x00") == b"\x01"
+        assert bus_read(sock, MODULE, 5) == b"\x01"
+        assert bus_write(sock, MODULE, b"#\x92\x00\r") == b"\x01"  # no new command either
+        assert parameters(box)["sid"] == 0x63  # executed on arrival, answered when done
+        while bus_write(sock, MODULE, b"\x00") != b"\x00":
+            time.sleep(0.01)
+        assert 0.3 <= time.monotonic() - started < 2
+        assert bus_read(sock, MODULE, 5) == b"\x00#\x12\x00\x00\r"
+        # Every command takes its time.
+        assert bus_write(sock, MODULE, b"#\x92\x00\r") == b"\x00"
+        assert bus_write(sock, MODULE, b"\x00") == b"\x01"
+    assert box.modules[MODULE].state()["faults"]["busy_ms"] == 300
+    assert box.modules[0x31].state()["faults"]["busy_ms"] == 0
+    assert control(box, {"cmd": "set_busy", "addr": MODULE, "ms": 0}) == {"ok": True}
+    time.sleep(0.35)
+    assert command(box, b"#\x92\x00\r", 7) == b"#\x92\x00\x02\x00\x63\r"
+
+
+def test_absent_module_acknowledges_nothing(box):
+    assert control(box, {"cmd": "set_absent", "addr": MODULE}) == {"ok": True}
+    with bus_connect(box) as sock:
+        assert bus_write(sock, MODULE, b"#\x12\x02\x00\x63\r") == b"\x01"
+        assert bus_write(sock, MODULE, b"\x00") == b"\x01"
+        assert bus_read(sock, MODULE, 5) == b"\x01"
+        assert transact(sock, 0x31, b"#\x00\x00\r", 5) == b"#\x00\x00\x00\r"
+    assert parameters(box)["sid"] == 1
+    assert control(box, {"cmd": "set_absent", "addr": MODULE, "absent": False}) == {"ok": True}
+    assert command(box, b"#\x00\x00\r", 5) == b"#\x00\x00\x00\r"
+
+
+def test_chosen_codes_are_answered_as_unknown(box):
+    assert control(box, {"cmd": "set_unknown", "addr": MODULE, "codes": [0x83, "0x03"]}) == {
+        "ok": True}
+    assert command(box, b"#\x03\x04\x00\x0b\x71\xb0\r", 5) == b"#\x03\x02\x00\r"
+    assert command(box, b"#\x83\x00\r", 9) == b"#\x83\x02\x00\r" + bytes(4)
+    assert command(box, b"#\x92\x00\r", 7) == b"#\x92\x00\x02\x00\x01\r"
+    assert command(box, b"#\x83\x00\r", 9, addr=0x31) == b"#\x83\x00\x04\x00\x07\x5a\xd0\r"
+    assert parameters(box)["frequency"] == 474000
+    assert control(box, {"cmd": "set_unknown", "addr": MODULE, "codes": []}) == {"ok": True}
+    assert command(box, b"#\x83\x00\r", 9) == b"#\x83\x00\x04\x00\x07\x3b\x90\r"
+
+
+@pytest.mark.parametrize("error", [0, 1, 3, 4, 5, 0xFF])
+def test_a_chosen_error_byte_is_answered_instead_of_executing(box, error):
+    assert control(box, {"cmd": "set_error", "addr": MODULE, "code": 0x12, "error": error}) == {
+        "ok": True}
+    assert command(box, b"#\x12\x02\x00\x63\r", 5) == bytes([0x23, 0x12, error, 0, 0x0D])
+    assert parameters(box)["sid"] == 1
+    assert command(box, b"#\x92\x00\r", 7) == b"#\x92\x00\x02\x00\x01\r"
+    assert control(box, {"cmd": "set_error", "addr": MODULE, "code": 0x12, "error": None}) == {
+        "ok": True}
+    assert command(box, b"#\x12\x02\x00\x63\r", 5) == b"#\x12\x00\x00\r"
+
+
+def test_error_byte_on_a_get_drops_the_payload(box):
+    control(box, {"cmd": "set_error", "addr": MODULE, "code": "0xfe", "error": 3})
+    assert command(box, b"#\xfe\x00\r", 13) == b"#\xfe\x03\x00\r" + bytes(8)
+
+
+@pytest.mark.parametrize("kind, reply", [
+    ("tag", b"$\x83\x00\x04\x00\x07\x3b\x90\r" + bytes(11)),
+    ("end", b"#\x83\x00\x04\x00\x07\x3b\x90\n" + bytes(11)),
+    ("length", b"#\x83\x00\xff\x00\x07\x3b\x90\r" + bytes(11)),
+    ("code", b"#\x03\x00\x04\x00\x07\x3b\x90\r" + bytes(11)),
+])
+def test_corrupt_replies_to_a_chosen_code(box, kind, reply):
+    assert control(box, {"cmd": "set_corrupt", "addr": MODULE, "code": 0x83, "kind": kind}) == {
+        "ok": True}
+    assert command(box, b"#\x83\x00\r", 20) == reply
+    assert command(box, b"#\x92\x00\r", 7) == b"#\x92\x00\x02\x00\x01\r"
+    assert control(box, {"cmd": "set_corrupt", "addr": MODULE, "code": 0x83, "kind": None}) == {
+        "ok": True}
+    assert command(box, b"#\x83\x00\r", 9) == b"#\x83\x00\x04\x00\x07\x3b\x90\r"
+
+
+def test_corrupt_replies_to_every_code_still_execute(box):
+    control(box, {"cmd": "set_corrupt", "addr": MODULE, "kind": "end"})
+    assert command(box, b"#\x12\x02\x00\x63\r", 5) == b"#\x12\x00\x00\n"
+    assert command(box, b"#\x00\x00\r", 5) == b"#\x00\x00\x00\n"
+    assert parameters(box)["sid"] == 0x63
+    assert box.modules[MODULE].state()["faults"]["corrupt"] == {"all": "end"}
+
+
+def test_clear_faults_mends_the_module(box):
+    for fault in ({"cmd": "set_busy", "ms": 5}, {"cmd": "set_unknown", "codes": [0]},
+                  {"cmd": "set_error", "code": 0xFF, "error": 1},
+                  {"cmd": "set_corrupt", "kind": "tag"}):
+        assert control(box, {**fault, "addr": MODULE}) == {"ok": True}
+    assert box.modules[MODULE].state()["faults"] == {
+        "busy_ms": 5, "unknown": [0], "errors": {"255": 1}, "corrupt": {"all": "tag"}}
+    assert control(box, {"cmd": "clear_faults", "addr": MODULE}) == {"ok": True}
+    assert box.modules[MODULE].state()["faults"] == {"busy_ms": 0, "unknown": [], "errors": {},
+                                                     "corrupt": {}}
+    assert command(box, b"#\x00\x00\r", 5) == b"#\x00\x00\x00\r"
+
+
+@pytest.mark.parametrize("fault", [
+    {"cmd": "set_busy", "addr": MODULE, "ms": -1},
+    {"cmd": "set_busy", "addr": 0x34, "ms": 5},  # no module there
+    {"cmd": "set_unknown", "addr": MODULE, "codes": [256]},
+    {"cmd": "set_error", "addr": MODULE, "code": 3},
+    {"cmd": "set_error", "addr": MODULE, "code": 3, "error": 1.5},
+    {"cmd": "set_corrupt", "addr": MODULE, "kind": "garble"},
+    {"cmd": "set_module", "addr": MODULE, "values": {"colour": 1}},
+    {"cmd": "set_module", "addr": MODULE, "values": {"sid": 0x10000}},
+    {"cmd": "set_module", "addr": MODULE, "values": {"sid": "1"}},
+    {"cmd": "set_module", "addr": MODULE, "values": {"status": {"video_scan_mode": "pi"}}},
+    {"cmd": "set_module", "addr": MODULE, "values": {"info": "0001"}},
+    {"cmd": "set_module", "addr": MODULE, "values": {"extra_services": [{}, {}, {}, {}]}},
+    {"cmd": "module", "addr": "thirty"},
+])
+def test_bad_module_commands_are_refused_and_change_nothing(box, fault):
+    before = box.modules[MODULE].state()
+    answer = control(box, fault)
+    assert answer["ok"] is False and answer["error"].startswith("bad arguments")
+    assert box.modules[MODULE].state() == before
+
+
+def test_set_module_refuses_all_values_when_one_is_bad(box):
+    answer = control(box, {"cmd": "set_module", "addr": MODULE,
+                           "values": {"sid": 9, "status": {"lock": 256}}})
+    assert answer["ok"] is False
+    assert parameters(box)["sid"] == 1
+
+
+# -- what the modules hold, seen from outside -------------------------------------------------
+
+
+def test_set_module_puts_values_straight_into_the_module(box):
+    assert control(box, {"cmd": "set_module", "addr": "0x31", "values": {
+        "constellation": 0x63, "service_name": "Direct",
+        "status": {"lock": 0, "video_height": 576, "video_scan_mode": "i",
+                   "video_frame_rate": 25, "overflow": 1},
+        "info": "aabb41010203", "calibration": {"i": -1},
+        "debug_codes": {"50": 1}, "extra_services": [{}, {"enable": 1, "sid": 7}]}}) == {
+        "ok": True}
+    addr = 0x31
+    assert command(box, b"#\x86\x00\r", 6, addr) == b"#\x86\x00\x01\x63\r"  # no enumerator
+    assert command(box, b"#\x98\x00\r", 20, addr) == b"#\x98\x00\x06Direct\r" + bytes(9)
+    assert command(box, b"#\xfe\x00\r", 13, addr) == (
+        b"#\xfe\x00\x08\x00\x02\x40i\x19\x00\x00\x01\r")  # no bit rate without a constellation
+    assert command(box, b"#\xff\x00\r", 11, addr) == b"#\xff\x00\x06\xaa\xbbA\x01\x02\x03\r"
+    assert command(box, b"#\xe1\x00\r", 7, addr) == b"#\xe1\x00\x02\xff\x00\r"
+    assert command(box, b"#\xeb\x01\x32\r", 6, addr) == b"#\xeb\x00\x01\x01\r"
+    state = box.modules[addr].state()
+    assert (state["sw_version"], state["pending"], state["applies"]) == ("A1.2.3", False, 0)
+    assert [(s["slot"], s["sid"]) for s in state["psi"]["services"]] == [(None, 2), (1, 7)]
+
+
+def test_modules_query_shows_every_module(make_box):
+    box = make_box("ip_mpts")
+    command(box, b"#\x03\x04\x00\x0b\x71\xb0\r", 5, addr=0x33)
+    answer = control(box, {"cmd": "modules"})
+    assert answer["ok"] is True
+    modules = answer["modules"]
+    assert [(m["addr"], m["index"]) for m in modules] == [(0x30, 0), (0x31, 1), (0x32, 2),
+                                                           (0x33, 3)]
+    assert modules[3]["settings"]["parameters"]["frequency"] == 750000
+    assert modules[3]["applied"]["parameters"]["frequency"] == 498000
+    assert modules[3]["pending"] is True
+    assert modules[0] == json.loads(json.dumps(box.modules[0x30].state()))
+    assert set(modules[0]) == {"addr", "index", "info", "sw_version", "status", "settings",
+                               "applied", "pending", "applies", "psi", "faults"}
+    assert modules[0]["settings"]["extra_services"] == [
+        {"enable": 0, "sid": 0, "lcn": 0, "service_name": "", "pmt_pid": 0, "video_pid": 0,
+         "audio_pid": 0, "audio_stream_type": 0}] * 3
+    assert modules[0]["status"] == {"lock": 1, "video_height": 1080, "video_scan_mode": "p",
+                                    "video_frame_rate": 50, "max_output_bitrate_kbps": 24128,
+                                    "overflow": 0}
+    assert control(box, {"cmd": "module", "addr": 0x32})["module"] == modules[2]
+
+
+def test_module_log_lists_the_commands_with_their_replies(box):
+    command(box, b"#\x03\x04\x00\x0b\x71\xb0\r", 5)
+    command(box, b"#\xe3\x01\x02\r", 7, addr=0x31)
+    command(box, b"#\x70\x00\r", 5)
+    command(box, b"#\x50\x00\r", 5)
+    command(box, b"$\x00\x00\r", 5)
+    log = control(box, {"cmd": "module_log"})["commands"]
+    assert [(e["addr"], e["command"], e["code"], e["frame"], e["error"], e["reply"])
+            for e in log] == [
+        (0x30, "set_frequency", 0x03, "230304000b71b00d", 0, "230300000d"),
+        (0x31, "get_extra_service_info_sid", 0xE3, "23e301020d", 0, "23e3000200000d"),
+        (0x30, "apply", 0x70, "2370000d", 0, "237000000d"),
+        (0x30, "unknown", 0x50, "2350000d", 2, "235002000d"),
+        (0x30, "invalid_frame", 0x00, "2400000d", 1, "230001000d")]
+    assert [e["seq"] for e in log] == sorted(e["seq"] for e in log)
+    assert all(e["time"] <= time.time() for e in log)
+    assert [e["command"] for e in control(box, {"cmd": "module_log", "addr": 0x31})[
+        "commands"]] == ["get_extra_service_info_sid"]
+    assert control(box, {"cmd": "clear_module_log"}) == {"ok": True}
+    assert control(box, {"cmd": "module_log"}) == {"ok": True, "commands": []}
+
+
+def test_bus_log_can_be_read_for_one_address(box):
+    command(box, b"#\x00\x00\r", 5, addr=0x30)
+    command(box, b"#\x00\x00\r", 5, addr=0x31)
+    transfers = control(box, {"cmd": "bus_log", "addr": 0x31})["transactions"]
+    assert [(t["op"], t["addr"], t["data"]) for t in transfers] == [
+        ("W", 0x31, "2300000d"), ("W", 0x31, "00"), ("R", 0x31, "230000000d")]
+
+
+def test_program_answers_module_queries(tmp_path_factory):
+    root = str(tmp_path_factory.mktemp("tv"))
+    sim = subprocess.Popen([sys.executable, str(SIM), "--root", root, "--mode", "ip_spts"],
+                           stdout=subprocess.PIPE, text=True)
+    try:
+        sim.stdout.readline()
+        query = [sys.executable, str(SIM), "--root", root, "--query"]
+        done = subprocess.run(query + ["modules"], capture_output=True, text=True, timeout=10)
+        modules = json.loads(done.stdout)["modules"]
+        assert (done.returncode, [m["addr"] for m in modules]) == (0, [0x32])
+        assert modules[0]["psi"]["services"][0]["service_name"] == "HDMI 1"
+        done = subprocess.run(query + ['{"cmd":"set_error","addr":"0x32","code":"0x83",'
+                                       '"error":4}'], capture_output=True, text=True, timeout=10)
+        assert (done.returncode, json.loads(done.stdout)) == (0, {"ok": True})
+        done = subprocess.run(query + ['{"cmd":"module","addr":50}'], capture_output=True,
+                              text=True, timeout=10)
+        assert json.loads(done.stdout)["module"]["faults"]["errors"] == {"131": 4}
+        done = subprocess.run(query + ['{"cmd":"module","addr":48}'], capture_output=True,
+                              text=True, timeout=10)
+        assert done.returncode == 1
+        assert json.loads(done.stdout)["error"].startswith("bad arguments")
+        sim.send_signal(signal.SIGTERM)
+        assert sim.wait(5) == 0
+    finally:
+        sim.kill()
+        sim.stdout.close()
 
 
 # ---------------------------------------------------------------------------------------------

@@ -1,221 +1,28 @@
-#include "i2c.h"
-
 #include <dirent.h>
 #include <fcntl.h>
-#include <poll.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include "fake_i2c_bus.h"
+#include "i2c.h"
 
 namespace {
 
-typedef std::vector<uint8_t> bytes_t;
+using fake_i2c::bytes_t;
+using fake_i2c::FakeBus;
 
 const uint32_t SHORT_TIMEOUT_MS = 50;
 const uint32_t LONG_TIMEOUT_MS = 2000;
 const uint8_t SLAVE = 0x21;
 const uint8_t OTHER_SLAVE = 0x22;
-
-/* A simulated I2C bus on a Unix socket in a temporary directory, served by its own thread.
- * One slave is present; it can be made to not acknowledge its first transfers, to answer reads
- * with given bytes, to answer with a wrong byte, or to drop the connection. */
-class FakeBus {
- public:
-  FakeBus() {
-    char dir_template[] = "/tmp/i2cXXXXXX";
-    if (mkdtemp(dir_template) == NULL) {
-      return;
-    }
-    dir_ = dir_template;
-    path_ = dir_ + "/bus";
-    listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_un addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, path_.c_str(), sizeof(addr.sun_path) - 1);
-    bound_ = bind(listen_fd_, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0 &&
-             listen(listen_fd_, 4) == 0 && pipe(wake_) == 0;
-    if (bound_) {
-      thread_ = std::thread(&FakeBus::run, this);
-    }
-  }
-
-  ~FakeBus() {
-    if (bound_) {
-      const char stop = 's';
-      EXPECT_EQ(write(wake_[1], &stop, 1), 1);
-      thread_.join();
-      close(wake_[0]);
-      close(wake_[1]);
-    }
-    if (listen_fd_ >= 0) {
-      close(listen_fd_);
-    }
-    if (!dir_.empty()) {
-      unlink(path_.c_str());
-      rmdir(dir_.c_str());
-    }
-  }
-
-  bool ready() const { return bound_; }
-  const char* path() const { return path_.c_str(); }
-
-  void set_present(bool present) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    present_ = present;
-  }
-  void nack_first(int count) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    nacks_left_ = count;
-  }
-  void set_read_bytes(const bytes_t& bytes) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    read_bytes_ = bytes;
-  }
-  void set_ack_byte(uint8_t ack) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ack_byte_ = ack;
-  }
-  /* The next transfer's header is read, then the connection is closed without an answer. */
-  void vanish_on_next_transfer() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    vanish_ = true;
-  }
-
-  std::vector<bytes_t> frames() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return frames_;
-  }
-  size_t transfers() { return frames().size(); }
-  int connections() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return connections_;
-  }
-
- private:
-  /* Waits until fd is readable; false when the bus is being stopped. */
-  bool wait_readable(int fd) {
-    struct pollfd fds[2] = {{fd, POLLIN, 0}, {wake_[0], POLLIN, 0}};
-    while (poll(fds, 2, -1) < 0) {
-    }
-    return (fds[1].revents & POLLIN) == 0;
-  }
-
-  bool recv_exact(int fd, uint8_t* data, size_t size) {
-    while (size > 0) {
-      if (!wait_readable(fd)) {
-        return false;
-      }
-      const ssize_t got = recv(fd, data, size, 0);
-      if (got <= 0) {
-        return false;
-      }
-      data += got;
-      size -= static_cast<size_t>(got);
-    }
-    return true;
-  }
-
-  void send_bytes(int fd, const bytes_t& bytes) {
-    size_t sent = 0;
-    while (sent < bytes.size()) {
-      const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-      if (n <= 0) {
-        return;
-      }
-      sent += static_cast<size_t>(n);
-    }
-  }
-
-  void run() {
-    while (wait_readable(listen_fd_)) {
-      const int conn = accept(listen_fd_, NULL, NULL);
-      if (conn < 0) {
-        continue;
-      }
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        connections_++;
-      }
-      while (serve_transfer(conn)) {
-      }
-      close(conn);
-    }
-  }
-
-  /* One transfer on the connection; false when the connection is to be closed. */
-  bool serve_transfer(int conn) {
-    uint8_t header[4];
-    if (!recv_exact(conn, header, sizeof(header))) {
-      return false;
-    }
-    const size_t len = (static_cast<size_t>(header[2]) << 8) | header[3];
-    bytes_t frame(header, header + sizeof(header));
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (vanish_) {
-      vanish_ = false;
-      frames_.push_back(frame);
-      return false;
-    }
-    lock.unlock();
-    if (header[0] == 'W') {
-      frame.resize(sizeof(header) + len);
-      if (!recv_exact(conn, frame.data() + sizeof(header), len)) {
-        return false;
-      }
-    }
-    lock.lock();
-    frames_.push_back(frame);
-    send_bytes(conn, answer(header[0], header[1], len));
-    return true;
-  }
-
-  /* Called with the mutex held. */
-  bytes_t answer(uint8_t cmd, uint8_t addr, size_t len) {
-    const bool acked = nacks_left_ == 0 && present_ && addr == SLAVE;
-    if (nacks_left_ > 0) {
-      nacks_left_--;
-    }
-    if (!acked) {
-      return bytes_t{0x01};
-    }
-    bytes_t reply{ack_byte_};
-    if (cmd == 'R') {
-      bytes_t data = read_bytes_;
-      data.resize(len, 0x00);
-      reply.insert(reply.end(), data.begin(), data.end());
-    }
-    return reply;
-  }
-
-  std::string dir_;
-  std::string path_;
-  int listen_fd_ = -1;
-  int wake_[2] = {-1, -1};
-  bool bound_ = false;
-  std::thread thread_;
-
-  std::mutex mutex_;
-  bool present_ = true;
-  int nacks_left_ = 0;
-  bytes_t read_bytes_;
-  uint8_t ack_byte_ = 0x00;
-  bool vanish_ = false;
-  std::vector<bytes_t> frames_;
-  int connections_ = 0;
-};
 
 /* Counts SIGPIPE while it lives, so that a raised one is seen instead of killing the test. */
 class SigpipeCounter {
@@ -259,7 +66,7 @@ class I2cBus : public ::testing::Test {
   }
   void TearDown() override { i2c_close(&i2c_); }
 
-  FakeBus bus_;
+  FakeBus bus_{SLAVE};
   i2c_t i2c_;
 };
 
@@ -332,21 +139,13 @@ TEST(I2cInit, RejectsNull) {
   EXPECT_EQ(i2c_init(NULL, "i2c_0", "/dev/i2c-0"), I2C_ERR);
 }
 
-TEST_F(I2cDevice, OpenOfAMissingDeviceFails) {
-  expect_open_fails((dir_ + "/missing").c_str());
-}
+TEST_F(I2cDevice, OpenOfAMissingDeviceFails) { expect_open_fails((dir_ + "/missing").c_str()); }
 
-TEST_F(I2cDevice, OpenOfARegularFileFails) {
-  expect_open_fails(file_.c_str());
-}
+TEST_F(I2cDevice, OpenOfARegularFileFails) { expect_open_fails(file_.c_str()); }
 
-TEST_F(I2cDevice, OpenOfADirectoryFails) {
-  expect_open_fails(dir_.c_str());
-}
+TEST_F(I2cDevice, OpenOfADirectoryFails) { expect_open_fails(dir_.c_str()); }
 
-TEST_F(I2cDevice, OpenOfACharacterDeviceThatIsNoI2cBusFails) {
-  expect_open_fails("/dev/null");
-}
+TEST_F(I2cDevice, OpenOfACharacterDeviceThatIsNoI2cBusFails) { expect_open_fails("/dev/null"); }
 
 TEST(I2cClosed, TransfersOnAHandleThatIsNotOpenFail) {
   i2c_t i2c;
@@ -487,8 +286,7 @@ TEST_F(I2cBus, ReadReturnsExactlyTheBytes) {
   memset(data, 0xEE, sizeof(data));
   EXPECT_EQ(i2c_read(&i2c_, data, 5, SHORT_TIMEOUT_MS), I2C_OK);
   EXPECT_EQ(i2c_.err, I2C_OK);
-  EXPECT_EQ(bytes_t(data, data + sizeof(data)),
-            (bytes_t{0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xEE, 0xEE, 0xEE}));
+  EXPECT_EQ(bytes_t(data, data + sizeof(data)), (bytes_t{0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xEE, 0xEE, 0xEE}));
   const std::vector<bytes_t> frames = bus_.frames();
   ASSERT_EQ(frames.size(), 1u);
   EXPECT_EQ(frames[0], (bytes_t{0x52, SLAVE, 0x00, 0x05}));

@@ -7,6 +7,10 @@
 #include <unistd.h>
 
 #include "boxroot.h"
+#include "cmd_json_device.h"
+#include "cmd_json_input_hdmi.h"
+#include "cmd_json_output_ip.h"
+#include "cmd_json_output_rf.h"
 #include "dbg.h"
 
 #define CMD_JSON_DESCRIPTION_LEN 1024
@@ -18,27 +22,44 @@ const char* cmd_json_s_object = NULL;
 const char* cmd_json_s_arg = NULL;
 
 cmd_json_object_t cmd_json_objects[CMD_JSON_OBJECT_COUNT] = {
-    {"device_status", HAL_DEVICE, "device_id", NULL, NULL, NULL, NULL},
-    {"device", HAL_DEVICE, "device_id", NULL, NULL, NULL, NULL},
-    {"input_hdmi", HAL_INPUT_HDMI, "input_id", NULL, NULL, NULL, NULL},
-    {"input_hdmi_enc", HAL_INPUT_HDMI, "input_id", NULL, NULL, NULL, NULL},
-    {"input_hdmi_ts", HAL_INPUT_HDMI, "input_id", NULL, NULL, NULL, NULL},
-    {"input_hdmi_services", HAL_INPUT_HDMI, "input_id", NULL, NULL, NULL, NULL},
-    {"input_hdmi_streams", HAL_INPUT_HDMI, "input_id", NULL, NULL, NULL, NULL},
-    {"input_hdmi_status", HAL_INPUT_HDMI, "input_id", NULL, NULL, NULL, NULL},
-    {"debug_code", HAL_INPUT_HDMI, "id", NULL, NULL, NULL, NULL},
-    {"output_calibration", HAL_OUTPUT_RF, "output_id", NULL, NULL, NULL, NULL},
-    {"output_rf", HAL_OUTPUT_RF, "output_id", NULL, NULL, NULL, NULL},
-    {"output_rf_mod", HAL_OUTPUT_RF, "output_id", NULL, NULL, NULL, NULL},
-    {"output_rf_ts", HAL_OUTPUT_RF, "output_id", NULL, NULL, NULL, NULL},
-    {"output_rf_services", HAL_OUTPUT_RF, "output_id", NULL, NULL, NULL, NULL},
-    {"output_rf_status", HAL_OUTPUT_RF, "output_id", NULL, NULL, NULL, NULL},
-    {"output_ip", HAL_OUTPUT_IP, "output_id", NULL, NULL, NULL, NULL},
-    {"output_ip_dst", HAL_OUTPUT_IP, "output_id", NULL, NULL, NULL, NULL},
-    {"output_ip_ts", HAL_OUTPUT_IP, "output_id", NULL, NULL, NULL, NULL},
-    {"output_ip_services", HAL_OUTPUT_IP, "output_id", NULL, NULL, NULL, NULL},
-    {"output_ip_status", HAL_OUTPUT_IP, "output_id", NULL, NULL, NULL, NULL},
-    {"output_ip_ifconfig", HAL_NONE, NULL, NULL, NULL, NULL, NULL},
+    {"device_status", HAL_DEVICE, "device_id", NULL, cmd_json_get_device_status, NULL, NULL},
+    {"device", HAL_DEVICE, "device_id", NULL, cmd_json_get_device, cmd_json_execute_device,
+     cmd_json_get_device},
+    {"input_hdmi", HAL_INPUT_HDMI, "input_id", cmd_json_set_input_hdmi_ext, cmd_json_get_input_hdmi_ext, NULL,
+     cmd_json_get_input_hdmi_ext},
+    {"input_hdmi_enc", HAL_INPUT_HDMI, "input_id", cmd_json_set_input_hdmi_enc, cmd_json_get_input_hdmi_enc,
+     NULL, NULL},
+    {"input_hdmi_ts", HAL_INPUT_HDMI, "input_id", cmd_json_set_input_hdmi_ts, cmd_json_get_input_hdmi_ts,
+     NULL, NULL},
+    {"input_hdmi_services", HAL_INPUT_HDMI, "input_id", cmd_json_set_input_hdmi_service,
+     cmd_json_get_input_hdmi_services, NULL, NULL},
+    {"input_hdmi_streams", HAL_INPUT_HDMI, "input_id", cmd_json_set_input_hdmi_stream,
+     cmd_json_get_input_hdmi_streams, NULL, NULL},
+    {"input_hdmi_status", HAL_INPUT_HDMI, "input_id", NULL, cmd_json_get_input_hdmi_status, NULL, NULL},
+    {"debug_code", HAL_INPUT_HDMI, "id", cmd_json_set_input_hdmi_hw_debug_code,
+     cmd_json_get_input_hdmi_hw_debug_code, NULL, NULL},
+    {"output_calibration", HAL_OUTPUT_RF, "output_id", cmd_json_set_output_rf_cal, cmd_json_get_output_rf_cal,
+     NULL, NULL},
+    {"output_rf", HAL_OUTPUT_RF, "output_id", cmd_json_set_output_rf_ext, cmd_json_get_output_rf_ext, NULL,
+     cmd_json_get_output_rf_ext},
+    {"output_rf_mod", HAL_OUTPUT_RF, "output_id", cmd_json_set_output_rf_mod, cmd_json_get_output_rf_mod,
+     NULL, NULL},
+    {"output_rf_ts", HAL_OUTPUT_RF, "output_id", cmd_json_set_output_rf_ts, cmd_json_get_output_rf_ts, NULL,
+     NULL},
+    {"output_rf_services", HAL_OUTPUT_RF, "output_id", cmd_json_set_output_rf_service,
+     cmd_json_get_output_rf_services, NULL, NULL},
+    {"output_rf_status", HAL_OUTPUT_RF, "output_id", NULL, cmd_json_get_output_rf_status, NULL, NULL},
+    {"output_ip", HAL_OUTPUT_IP, "output_id", cmd_json_set_output_ip_ext, cmd_json_get_output_ip_ext, NULL,
+     cmd_json_get_output_ip_ext},
+    {"output_ip_dst", HAL_OUTPUT_IP, "output_id", cmd_json_set_output_ip_dst, cmd_json_get_output_ip_dst,
+     NULL, NULL},
+    {"output_ip_ts", HAL_OUTPUT_IP, "output_id", cmd_json_set_output_ip_ts, cmd_json_get_output_ip_ts, NULL,
+     NULL},
+    {"output_ip_services", HAL_OUTPUT_IP, "output_id", cmd_json_set_output_ip_service,
+     cmd_json_get_output_ip_services, NULL, NULL},
+    {"output_ip_status", HAL_OUTPUT_IP, "output_id", NULL, cmd_json_get_output_ip_status, NULL, NULL},
+    {"output_ip_ifconfig", HAL_NONE, NULL, cmd_json_set_output_ip_ifconfig, cmd_json_get_output_ip_ifconfig,
+     NULL, NULL},
     {"store_settings", HAL_NONE, NULL, NULL, NULL, cmd_store_settings, NULL},
     {"restore_settings", HAL_NONE, NULL, NULL, NULL, cmd_restore_settings, NULL},
     {"reset", HAL_NONE, NULL, NULL, NULL, cmd_reset, NULL},

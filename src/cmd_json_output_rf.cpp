@@ -1,0 +1,307 @@
+#include "cmd_json_output_rf.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include <initializer_list>
+
+#include "cmd_json_input_hdmi.h"
+#include "cmd_json_ts.h"
+#include "dbg.h"
+#include "hal_output_rf.h"
+
+#define CMD_JSON_OUTPUT_RF_VALUE_LEN 64
+#define CMD_JSON_OUTPUT_RF_CAL_LEN 10
+
+namespace {
+
+/* One word of a modulation vocabulary: the exact, case-sensitive text and its value. */
+template <typename E>
+struct cmd_json_output_rf_word_t {
+  const char* text;
+  E value;
+};
+
+/* The complete vocabularies, shared by set and get. */
+constexpr cmd_json_output_rf_word_t<hal_output_type_t> cmd_json_output_rf_types[] = {
+    {"dvb-t", HAL_DVB_T},   {"dvb-c", HAL_DVB_C}, {"atsc-t", HAL_ATSC_T},
+    {"atsc-c", HAL_ATSC_C}, {"dtmb", HAL_DTMB},   {"isdb-t", HAL_ISDBT},
+};
+
+constexpr cmd_json_output_rf_word_t<hal_constellation_t> cmd_json_output_rf_constellations[] = {
+    {"qpsk", HAL_QPSK},      {"8-vsb", HAL_8VSB},   {"16-qam", HAL_16QAM},
+    {"32-qam", HAL_32QAM},   {"64-qam", HAL_64QAM}, {"128-qam", HAL_128QAM},
+    {"256-qam", HAL_256QAM}, {"4-qam", HAL_4QAM},   {"4nr-qam", HAL_4NRQAM},
+};
+
+constexpr cmd_json_output_rf_word_t<hal_guardinterval_t> cmd_json_output_rf_guardintervals[] = {
+    {"1/32", HAL_1_32},
+    {"1/16", HAL_1_16},
+    {"1/8", HAL_1_8},
+    {"1/4", HAL_1_4},
+};
+
+constexpr cmd_json_output_rf_word_t<hal_coderate_t> cmd_json_output_rf_coderates[] = {
+    {"1/2", HAL_1_2}, {"2/3", HAL_2_3}, {"3/4", HAL_3_4}, {"5/6", HAL_5_6},
+    {"7/8", HAL_7_8}, {"0.4", HAL_0_4}, {"0.6", HAL_0_6}, {"0.8", HAL_0_8},
+};
+
+/* HAL_4K has no text, deliberately: it can be neither set nor reported. */
+constexpr cmd_json_output_rf_word_t<hal_fftmode_t> cmd_json_output_rf_fftmodes[] = {
+    {"2k", HAL_2K},
+    {"8k", HAL_8K},
+};
+
+constexpr cmd_json_output_rf_word_t<hal_carriertype_t> cmd_json_output_rf_carriertypes[] = {
+    {"multi", HAL_MULTI_CARRIER},
+    {"single", HAL_SINGLE_CARRIER},
+};
+
+constexpr cmd_json_output_rf_word_t<hal_interleave_t> cmd_json_output_rf_interleaves[] = {
+    {"none", HAL_INTLV_NONE},
+    {"240", HAL_INTLV_240},
+    {"720", HAL_INTLV_720},
+};
+
+constexpr cmd_json_output_rf_word_t<hal_syncframe_t> cmd_json_output_rf_syncframes[] = {
+    {"420", HAL_SYNC_420},
+    {"945", HAL_SYNC_945},
+    {"595", HAL_SYNC_595},
+};
+
+hal_output_rf_t* cmd_json_rf(hal_object_t* object) { return reinterpret_cast<hal_output_rf_t*>(object); }
+
+cmd_json_err_t cmd_json_output_rf_json_error(const char* func) {
+  DBG_WRN_AT(func, "JSON error");
+  return CMD_JSON_ERR;
+}
+
+cmd_json_err_t cmd_json_output_rf_string(const char* func, const char* text, json_t** j_val) {
+  *j_val = json_string(text);
+  return *j_val != NULL ? CMD_JSON_OK : cmd_json_output_rf_json_error(func);
+}
+
+struct cmd_json_output_rf_member_t {
+  const char* key;
+  const char* text;
+};
+
+/* A new object of text members, in the order given. */
+cmd_json_err_t cmd_json_output_rf_object(const char* func,
+                                         std::initializer_list<cmd_json_output_rf_member_t> members,
+                                         json_t** j_val) {
+  json_ptr result(json_object());
+  if (!result) return cmd_json_output_rf_json_error(func);
+  for (const cmd_json_output_rf_member_t& member : members) {
+    if (json_object_set_new(result.get(), member.key, json_string(member.text)) != 0)
+      return cmd_json_output_rf_json_error(func);
+  }
+  *j_val = result.release();
+  return CMD_JSON_OK;
+}
+
+/* Numbers are read, and written back, signed or unsigned as their key is. */
+cmd_json_err_t cmd_json_output_rf_parse(uint32_t* value, const char* key, json_t* j_val) {
+  return cmd_json_strargtou32(value, key, j_val);
+}
+
+cmd_json_err_t cmd_json_output_rf_parse(int32_t* value, const char* key, json_t* j_val) {
+  return cmd_json_strargtoi32(value, key, j_val);
+}
+
+void cmd_json_output_rf_print(char* text, size_t size, uint32_t value) { snprintf(text, size, "%u", value); }
+
+void cmd_json_output_rf_print(char* text, size_t size, int32_t value) { snprintf(text, size, "%d", value); }
+
+/* The number is cut to the field's width: limits belong to the modulator. */
+template <typename Number, typename Field>
+cmd_json_err_t cmd_json_output_rf_set_number(hal_err_t (*setter)(hal_output_rf_t*, Field),
+                                             hal_object_t* object, json_t* j_val) {
+  Number value = 0;
+  cmd_json_err_t err = cmd_json_output_rf_parse(&value, NULL, j_val);
+  if (err != CMD_JSON_OK) return err;
+  return cmd_json_translate_hal_err(setter(cmd_json_rf(object), static_cast<Field>(value)));
+}
+
+template <typename Number, typename Field>
+cmd_json_err_t cmd_json_output_rf_get_number(hal_err_t (*getter)(hal_output_rf_t*, Field*), const char* func,
+                                             hal_object_t* object, json_t** j_val) {
+  Field value{};
+  if (getter(cmd_json_rf(object), &value) != HAL_OK) return CMD_JSON_UNSUCCESSFUL;
+  char text[CMD_JSON_OUTPUT_RF_VALUE_LEN];
+  cmd_json_output_rf_print(text, sizeof(text), static_cast<Number>(value));
+  return cmd_json_output_rf_string(func, text, j_val);
+}
+
+template <typename E, size_t N>
+cmd_json_err_t cmd_json_output_rf_set_word(hal_err_t (*setter)(hal_output_rf_t*, E),
+                                           const cmd_json_output_rf_word_t<E> (&words)[N],
+                                           hal_object_t* object, json_t* j_val) {
+  if (!json_is_string(j_val)) return CMD_JSON_ARG_FRMT_ERR;
+  for (const cmd_json_output_rf_word_t<E>& word : words) {
+    if (strcmp(word.text, json_string_value(j_val)) == 0)
+      return cmd_json_translate_hal_err(setter(cmd_json_rf(object), word.value));
+  }
+  return CMD_JSON_ARG_OOB;
+}
+
+template <typename E, size_t N>
+cmd_json_err_t cmd_json_output_rf_get_word(hal_err_t (*getter)(hal_output_rf_t*, E*),
+                                           const cmd_json_output_rf_word_t<E> (&words)[N], const char* func,
+                                           hal_object_t* object, json_t** j_val) {
+  E value{};
+  if (getter(cmd_json_rf(object), &value) != HAL_OK) return CMD_JSON_UNSUCCESSFUL;
+  for (const cmd_json_output_rf_word_t<E>& word : words) {
+    if (word.value == value) return cmd_json_output_rf_string(func, word.text, j_val);
+  }
+  return CMD_JSON_ARG_OOB;
+}
+
+/* A calibration key the request must carry: its absence is a JSON error, and its value must be
+ * a number. */
+template <typename Number>
+cmd_json_err_t cmd_json_output_rf_required(const char* func, Number* value, const char* key, json_t* j_args) {
+  if (json_object_get(j_args, key) == NULL) return cmd_json_output_rf_json_error(func);
+  return cmd_json_output_rf_parse(value, key, j_args);
+}
+
+/* cmd_json_output_rf_set_<field> and cmd_json_output_rf_get_<field> over hal_output_rf_set_<field>
+ * and hal_output_rf_get_<field>: a number read and written as `Number`, or a word of `words`. */
+#define CMD_JSON_OUTPUT_RF_NUMBER(field, Number)                                                      \
+  cmd_json_err_t cmd_json_output_rf_set_##field(hal_object_t* object, json_t* j_val) {                \
+    return cmd_json_output_rf_set_number<Number>(hal_output_rf_set_##field, object, j_val);           \
+  }                                                                                                   \
+  cmd_json_err_t cmd_json_output_rf_get_##field(hal_object_t* object, json_t** j_val) {               \
+    return cmd_json_output_rf_get_number<Number>(hal_output_rf_get_##field, __func__, object, j_val); \
+  }
+
+#define CMD_JSON_OUTPUT_RF_WORD(field, words)                                                      \
+  cmd_json_err_t cmd_json_output_rf_set_##field(hal_object_t* object, json_t* j_val) {             \
+    return cmd_json_output_rf_set_word(hal_output_rf_set_##field, words, object, j_val);           \
+  }                                                                                                \
+  cmd_json_err_t cmd_json_output_rf_get_##field(hal_object_t* object, json_t** j_val) {            \
+    return cmd_json_output_rf_get_word(hal_output_rf_get_##field, words, __func__, object, j_val); \
+  }
+
+CMD_JSON_OUTPUT_RF_WORD(type, cmd_json_output_rf_types)
+CMD_JSON_OUTPUT_RF_NUMBER(frequency, uint32_t)
+CMD_JSON_OUTPUT_RF_NUMBER(level, int32_t)
+CMD_JSON_OUTPUT_RF_NUMBER(bandwidth, uint32_t)
+CMD_JSON_OUTPUT_RF_NUMBER(symbolrate, uint32_t)
+CMD_JSON_OUTPUT_RF_WORD(constellation, cmd_json_output_rf_constellations)
+CMD_JSON_OUTPUT_RF_WORD(guardinterval, cmd_json_output_rf_guardintervals)
+CMD_JSON_OUTPUT_RF_WORD(coderate, cmd_json_output_rf_coderates)
+CMD_JSON_OUTPUT_RF_WORD(fftmode, cmd_json_output_rf_fftmodes)
+CMD_JSON_OUTPUT_RF_WORD(carriertype, cmd_json_output_rf_carriertypes)
+CMD_JSON_OUTPUT_RF_WORD(interleave, cmd_json_output_rf_interleaves)
+CMD_JSON_OUTPUT_RF_WORD(syncframe, cmd_json_output_rf_syncframes)
+CMD_JSON_OUTPUT_RF_NUMBER(enable, int32_t)
+
+}  // namespace
+
+/* The set handler `set` and the get handler `get` of the output's TS, over the TS handlers
+ * `ts_set` and `ts_get`. */
+#define CMD_JSON_OUTPUT_RF_TSOUT(set, get, ts_set, ts_get)             \
+  cmd_json_err_t set(hal_object_t* object, json_t* j_val) {            \
+    return cmd_json_set_tsout<hal_output_rf_t, ts_set>(object, j_val); \
+  }                                                                    \
+  cmd_json_err_t get(hal_object_t* object, json_t** j_val) {           \
+    return cmd_json_get_tsout<hal_output_rf_t, ts_get>(object, j_val); \
+  }
+
+namespace {
+CMD_JSON_OUTPUT_RF_TSOUT(cmd_json_output_rf_set_ts_ext, cmd_json_output_rf_get_ts_ext, cmd_json_set_ts_ext,
+                         cmd_json_get_ts_ext)
+}  // namespace
+
+CMD_JSON_OUTPUT_RF_TSOUT(cmd_json_set_output_rf_ts, cmd_json_get_output_rf_ts, cmd_json_set_ts,
+                         cmd_json_get_ts)
+CMD_JSON_OUTPUT_RF_TSOUT(cmd_json_set_output_rf_service, cmd_json_get_output_rf_services,
+                         cmd_json_ts_set_service, cmd_json_ts_get_services)
+
+/* The modulation rows both tables share. */
+// clang-format off
+#define CMD_JSON_OUTPUT_RF_MOD_ROWS                                                                          \
+  {"type", cmd_json_output_rf_set_type, cmd_json_output_rf_get_type, 0},                                     \
+  {"frequency", cmd_json_output_rf_set_frequency, cmd_json_output_rf_get_frequency, 0},                      \
+  {"level", cmd_json_output_rf_set_level, cmd_json_output_rf_get_level, 0},                                  \
+  {"bandwidth", cmd_json_output_rf_set_bandwidth, cmd_json_output_rf_get_bandwidth, 0},                      \
+  {"symbolrate", cmd_json_output_rf_set_symbolrate, cmd_json_output_rf_get_symbolrate, 0},                   \
+  {"constellation", cmd_json_output_rf_set_constellation, cmd_json_output_rf_get_constellation, 0},          \
+  {"guardinterval", cmd_json_output_rf_set_guardinterval, cmd_json_output_rf_get_guardinterval, 0},          \
+  {"coderate", cmd_json_output_rf_set_coderate, cmd_json_output_rf_get_coderate, 0},                         \
+  {"fftmode", cmd_json_output_rf_set_fftmode, cmd_json_output_rf_get_fftmode, 0},                            \
+  {"carriertype", cmd_json_output_rf_set_carriertype, cmd_json_output_rf_get_carriertype, 0},                \
+  {"interleave", cmd_json_output_rf_set_interleave, cmd_json_output_rf_get_interleave, 0},                   \
+  {"syncframe", cmd_json_output_rf_set_syncframe, cmd_json_output_rf_get_syncframe, 0},                      \
+  {"enabled", cmd_json_output_rf_set_enable, cmd_json_output_rf_get_enable, 0}
+// clang-format on
+
+const cmd_json_arg_t cmd_json_output_rf_ext_args[] = {
+    CMD_JSON_OUTPUT_RF_MOD_ROWS,
+    {"ts", cmd_json_output_rf_set_ts_ext, cmd_json_output_rf_get_ts_ext, 0},
+    {NULL, NULL, NULL, 0},
+};
+
+const cmd_json_arg_t cmd_json_output_rf_mod_args[] = {CMD_JSON_OUTPUT_RF_MOD_ROWS, {NULL, NULL, NULL, 0}};
+
+cmd_json_err_t cmd_json_set_output_rf_ext(hal_object_t* object, json_t* j_val) {
+  return cmd_json_set_args(object, cmd_json_output_rf_ext_args, j_val);
+}
+
+cmd_json_err_t cmd_json_get_output_rf_ext(hal_object_t* object, json_t** j_val) {
+  return cmd_json_get_args(object, cmd_json_output_rf_ext_args, j_val);
+}
+
+cmd_json_err_t cmd_json_set_output_rf_mod(hal_object_t* object, json_t* j_val) {
+  return cmd_json_set_args(object, cmd_json_output_rf_mod_args, j_val);
+}
+
+cmd_json_err_t cmd_json_get_output_rf_mod(hal_object_t* object, json_t** j_val) {
+  return cmd_json_get_args(object, cmd_json_output_rf_mod_args, j_val);
+}
+
+cmd_json_err_t cmd_json_get_output_rf_status(hal_object_t* object, json_t** j_val) {
+  hal_output_rf_t* rf = cmd_json_rf(object);
+  uint32_t bitrate_kbps = 0;
+  if (hal_output_rf_get_status(rf) != HAL_OK || hal_output_rf_get_bitrate(rf, &bitrate_kbps) != HAL_OK)
+    return CMD_JSON_UNSUCCESSFUL;
+  char max_bitrate[CMD_JSON_OUTPUT_RF_VALUE_LEN];
+  char overflow[CMD_JSON_OUTPUT_RF_VALUE_LEN];
+  char bitrate[CMD_JSON_OUTPUT_RF_VALUE_LEN];
+  snprintf(max_bitrate, sizeof(max_bitrate), "%u", static_cast<unsigned>(rf->status.max_bitrate_kbps));
+  /* Only a flag of exactly 1 is an overflow. */
+  snprintf(overflow, sizeof(overflow), "%s", rf->status.overflow == 1 ? "yes" : "no");
+  snprintf(bitrate, sizeof(bitrate), "%u", bitrate_kbps);
+  return cmd_json_output_rf_object(
+      __func__, {{"max_bitrate", max_bitrate}, {"overflow", overflow}, {"bitrate", bitrate}}, j_val);
+}
+
+cmd_json_err_t cmd_json_set_output_rf_cal(hal_object_t* object, json_t* j_val) {
+  if (!json_is_object(j_val)) return CMD_JSON_ARG_FRMT_ERR;
+  uint32_t enabled = 0;
+  int32_t i = 0;
+  int32_t q = 0;
+  cmd_json_err_t err = cmd_json_output_rf_required(__func__, &enabled, "enabled", j_val);
+  if (err == CMD_JSON_OK) err = cmd_json_output_rf_required(__func__, &i, "i", j_val);
+  if (err == CMD_JSON_OK) err = cmd_json_output_rf_required(__func__, &q, "q", j_val);
+  if (err != CMD_JSON_OK) return err;
+  if (hal_output_rf_set_cal(cmd_json_rf(object), static_cast<int8_t>(i), static_cast<int8_t>(q),
+                            static_cast<uint8_t>(enabled)) != HAL_OK)
+    return CMD_JSON_UNSUCCESSFUL;
+  DBG_WRN("B");
+  return CMD_JSON_OK;
+}
+
+/* The "GET CAL" trace comes first on every call, whatever follows. */
+cmd_json_err_t cmd_json_get_output_rf_cal(hal_object_t* object, json_t** j_val) {
+  DBG_WRN("GET CAL");
+  int8_t i = 0;
+  int8_t q = 0;
+  if (hal_output_rf_get_cal(cmd_json_rf(object), &i, &q) != HAL_OK) return CMD_JSON_UNSUCCESSFUL;
+  char i_text[CMD_JSON_OUTPUT_RF_CAL_LEN];
+  char q_text[CMD_JSON_OUTPUT_RF_CAL_LEN];
+  snprintf(i_text, sizeof(i_text), "%d", static_cast<int>(i));
+  snprintf(q_text, sizeof(q_text), "%d", static_cast<int>(q));
+  return cmd_json_output_rf_object(__func__, {{"i", i_text}, {"q", q_text}}, j_val);
+}

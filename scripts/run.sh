@@ -1,27 +1,39 @@
 #!/bin/sh
-# Builds the daemon, starts the box simulator in a fresh box root and runs tavid in RF mode
-# against it, verbose, until Ctrl-C. A sample request and its reply are shown first.
+# Builds the daemon and tavictl, starts the box simulator in a fresh box root and runs tavid in
+# RF mode against it, verbose, until Ctrl-C. First a short session shows an RF output read, its
+# frequency set, and the new frequency arriving at the simulated module.
 set -eu
 cd "$(dirname "$0")/.."
 scripts/deps.sh
 cmake -S . -B build/host -DCMAKE_BUILD_TYPE=Debug -DTAVID_TESTS=OFF >/dev/null
-cmake --build build/host -j"$(nproc)" --target tavid >/dev/null
+cmake --build build/host -j"$(nproc)" --target tavid tavictl >/dev/null
 
 port="${TAVID_PORT:-49999}"
 root="$(mktemp -d /tmp/tvXXXXXX)"
-/usr/bin/python3 sim/tavisim.py --root "$root" --mode rf --tavid "$PWD/build/host/src/tavid" --tavid-args "-v -c $port" &
-sim=$!
-trap 'kill "$daemon" "$sim" 2>/dev/null; wait 2>/dev/null; rm -rf "$root"' EXIT INT TERM
+tavictl="build/host/src/tavictl -p $port"
+sim() { /usr/bin/python3 sim/tavisim.py --root "$root" "$@"; }
+
+sim --mode rf --tavid "$PWD/build/host/src/tavid" --tavid-args "-v -c $port" &
+simulator=$!
+daemon= tailer=
+trap 'kill "$daemon" "$simulator" "$tailer" 2>/dev/null; wait 2>/dev/null; rm -rf "$root"' EXIT INT TERM
 while [ ! -S "$root/dev/i2c-0" ]; do sleep 0.1; done
 
-TAVID_ROOT="$root" build/host/src/tavid -v -c "$port" -m rf &
+TAVID_ROOT="$root" build/host/src/tavid -v -c "$port" -m rf >"$root/tavid.out" 2>&1 &
 daemon=$!
-sleep 0.5
+until $tavictl get device device_id=0 >/dev/null 2>&1; do sleep 0.2; done
 
-request='{"action":"execute","object":"store_settings","args":{}}'
-echo "request: $request"
-printf 'reply:   '
-/usr/bin/python3 scripts/request.py -p "$port" "$request"
+show() { echo; echo "\$ $*"; "$@" || true; }
+show $tavictl get output_rf_mod output_id=0
+show $tavictl set output_rf_mod output_id=0 frequency=482000
+sleep 0.5 # the next poll cycles push the change to the module
 echo
-echo "tavid runs on port $port with the box root $root; Ctrl-C stops it."
+echo "The module behind RF output 0 (mod_tarn_0 at 0x30) now holds:"
+sim --query '{"cmd": "module", "addr": "0x30"}' | /usr/bin/python3 -c \
+  'import json, sys; m = json.load(sys.stdin)["module"]; p = m["applied"]["parameters"]; print("  frequency:", p["frequency"], "kHz, level byte:", p["level"])'
+echo
+echo "tavid runs on port $port with the box root $root (its log: $root/tavid.out);"
+echo "try: $tavictl get output_rf, or --help. Ctrl-C stops it."
+tail -f "$root/tavid.out" &
+tailer=$!
 wait "$daemon"

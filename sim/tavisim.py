@@ -1,17 +1,30 @@
 #!/usr/bin/python3
-"""The box simulator: a box root with the files and the I2C bus that tavid expects.
+"""The box simulator: a box root with the files, the I2C bus and the services that tavid expects.
 
-Run as a program it creates a root and serves its bus until SIGINT or SIGTERM; imported, its
-Box class does the same for the integration tests. Standard library only, so that it runs
-wherever /usr/bin/python3 does. The encoder/modulator modules are in tavimod.
+Run as a program it creates a root and serves it until SIGINT or SIGTERM; imported, its Box
+class does the same for the integration tests. Standard library only, so that it runs wherever
+/usr/bin/python3 does. The encoder/modulator modules are in tavimod, the factory default
+settings files in tavidefaults.
+
+The root holds the bus socket dev/i2c-0, the sysfs, LED and temperature files, the stand-ins
+opt/bin/qel2ip, etc/rc.d/init.d/tavid, etc/rc.d/init.d/network_eth1 and sbin/reboot, and
+opt/bin/default_settings_<mode>.conf. Besides them it keeps what the simulator itself records:
+bus.log (every bus transfer), calls.log (every call of a stand-in script), qel2ip.log (every
+start of the streaming stand-in, with its arguments and environment, and what it did),
+tavid.log and tavid.pid (daemons the init script started).
+
+With --netsettings (Box(..., netsettings=True)) the box also serves the network-settings
+service on localhost:49998, with the interfaces eth0 and eth1 (see NetSettings). Its port is
+fixed, so it is started only when asked for, and a port that is taken fails the start with a
+message that says so; --netsettings-port moves it elsewhere for tests that run side by side.
 
 The control socket sim.ctl takes one JSON command per line, {"cmd": NAME, ...}, and answers
 one JSON line with "ok" (and "error" when it failed); `--query NAME` or `--query '{...}'`
 sends one from the shell. Addresses and codes are JSON numbers or text such as "0x30".
 
+The bus and the modules:
   bus_log [addr]            the bus transfers (of one address)     clear_bus_log
   set_absent addr [absent]  the slave acknowledges nothing         nack_next addr count
-  set_temperature millidegrees
   modules                   every module's state: "settings" (staged, what gets read back),
                             "applied" (in use), "psi" (what it announces), status, faults
   module addr               one module's state
@@ -24,9 +37,42 @@ sends one from the shell. Addresses and codes are JSON numbers or text such as "
   set_corrupt addr [code] kind   broken replies (to code; absent: to all): "tag", "end",
                             "length" (past any read), "code" (wrong echo); null: mended
   clear_faults addr         the module's faults gone (absence is the bus's: set_absent)
+
+The board's files:
+  temperature               the text of both sensor files (null: missing) and which one the
+                            box's mode reads
+  set_temperature millidegrees   both sensors; null takes the sensor files away
+  leds                      brightness and trigger of both LEDs as their files hold them, and
+                            which one is the mode's alarm LED (lit at power-up: "1",
+                            "heartbeat"; the daemon clears it to "0", "none")
+  stored_settings           data/settings.conf: "exists", "text", "records" (each parsed, null
+                            when not JSON)
+
+The stand-ins:
+  calls                     the scripts' calls: time, name ("tavid", "network_eth1",
+                            "reboot"), args                        clear_calls
+  set_script_status name status  the exit status a script ends with after recording (0: it
+                            does its work; a failing tavid script restarts nothing)
+  qel2ip                    "config", "runs" (pid, argv, env, time, running), "log" (every
+                            event), "stats" (tmp/qelstat<unit> texts by unit)
+  set_qel2ip [ignore_sigterm] [rate] [exit_status]   for the stand-ins started from now on:
+                            only SIGKILL ends them; the statistics text (null: no file); end
+                            at once with this status (null: run until a signal ends them)
+  set_qelstat unit text     puts a statistics file in place; null removes it
+
+The network-settings service (boxes made with it only):
+  netsettings               port, listening, fault, garbage, delay_ms, interfaces
+  set_netsettings interfaces     the interface list as given (a list of objects)
+  set_netsettings_fault fault [garbage] [delay_ms]   "down" (nothing listens), "silent"
+                            (never answers), "garbage" (answers the garbage text), "refuse"
+                            (closes at once), null (serves); delay_ms holds answers back
+  netsettings_log           every connection: time, request, reply (null: none), fault
+  clear_netsettings_log
 """
 
 import argparse
+import copy
+import errno
 import json
 import os
 import shlex
@@ -38,6 +84,7 @@ import threading
 import time
 from dataclasses import dataclass
 
+import tavidefaults
 import tavimod
 
 # The output modes and where the encoder/modulator modules sit on the bus in each of them.
@@ -58,6 +105,9 @@ UNIX_PATH_MAX = 107
 
 QEL2IP_RATE_MBPS = "12.5"
 BOOT_TEMPERATURE = 45500  # millidegrees Celsius
+
+LOCALHOST = "127.0.0.1"
+NETSETTINGS_PORT = 49998
 
 
 # ---------------------------------------------------------------------------------------------
@@ -217,23 +267,18 @@ def check_socket_path(path: str):
         raise ValueError(f"Unix socket path longer than {UNIX_PATH_MAX} bytes: {path}")
 
 
-class _UnixServer(socketserver.ThreadingUnixStreamServer):
-    """A thread per connection, serving `owner`. Closing also ends the open connections, so
-    that stopping never waits for a client that keeps its connection."""
+class _Serving:
+    """A thread per connection, serving `owner`, started at once. Closing also ends the open
+    connections, so that stopping never waits for a client that keeps its connection."""
 
     block_on_close = True
 
-    def __init__(self, path: str, handler, owner):
-        check_socket_path(path)
-        if os.path.exists(path):
-            os.unlink(path)
-        super().__init__(path, handler)
-        self.path = path
+    def _serve(self, owner, name: str):
         self.owner = owner
         self._connections = set()
         self._connections_lock = threading.Lock()
         self._thread = threading.Thread(target=self.serve_forever, kwargs={"poll_interval": 0.05},
-                                        name=f"serve {path}", daemon=True)
+                                        name=f"serve {name}", daemon=True)
         self._thread.start()
 
     def process_request(self, request, client_address):
@@ -256,8 +301,31 @@ class _UnixServer(socketserver.ThreadingUnixStreamServer):
                 except OSError:
                     pass
         self.server_close()
+
+
+class _UnixServer(_Serving, socketserver.ThreadingUnixStreamServer):
+    def __init__(self, path: str, handler, owner):
+        check_socket_path(path)
+        if os.path.exists(path):
+            os.unlink(path)
+        super().__init__(path, handler)
+        self.path = path
+        self._serve(owner, path)
+
+    def close(self):
+        super().close()
         if os.path.exists(self.path):
             os.unlink(self.path)
+
+
+class _TcpServer(_Serving, socketserver.ThreadingTCPServer):
+    """Listens on the loopback address only."""
+
+    allow_reuse_address = True
+
+    def __init__(self, port: int, handler, owner):
+        super().__init__((LOCALHOST, port), handler)
+        self._serve(owner, f"{LOCALHOST}:{port}")
 
 
 def _recv_exact(sock: socket.socket, length: int) -> bytes | None:
@@ -316,16 +384,277 @@ class _ControlConnection(socketserver.StreamRequestHandler):
 
 
 # ---------------------------------------------------------------------------------------------
+# The network-settings service
+
+
+NETSETTINGS_OBJECT = "/unified_services/ip/settings"
+NETSETTINGS_FAULTS = ("down", "silent", "garbage", "refuse")
+NETSETTINGS_GARBAGE = "<html>not a JSON reply {"
+# How long a request may pause before what has come counts as the whole of it: clients send one
+# JSON text without a terminator and wait for the reply with their connection open.
+NETSETTINGS_REQUEST_WAIT = 1.0
+IPV4_SETTINGS = ("address", "netmask", "gateway", "dns")
+FLAG_SETTINGS = ("dhcp",)
+
+
+def factory_interfaces() -> list:
+    """The box's two interfaces: eth0 for management, eth1 for the streams."""
+    return [{"interface": "eth0", "dhcp": "1", "address": "192.168.1.100",
+             "netmask": "255.255.255.0", "gateway": "192.168.1.1", "dns": "192.168.1.1"},
+            {"interface": "eth1", "dhcp": "0", "address": "10.10.10.10",
+             "netmask": "255.255.255.0", "gateway": "10.10.10.1", "dns": "10.10.10.1"}]
+
+
+def ipv4_text(value: str) -> bool:
+    parts = value.split(".")
+    return len(parts) == 4 and all(part.isdigit() and len(part) <= 3 and int(part) <= 255
+                                   for part in parts)
+
+
+def refusal(key: str, value) -> str | None:
+    """Why the service does not take this value for this key, or None."""
+    if key not in IPV4_SETTINGS and key not in FLAG_SETTINGS:
+        return "unknown setting"
+    if not isinstance(value, str):
+        return "not a text"
+    if key in IPV4_SETTINGS and not ipv4_text(value):
+        return "not an IPv4 address"
+    if key in FLAG_SETTINGS and value not in ("0", "1"):
+        return "not 0 or 1"
+    return None
+
+
+def refusals(change, names: list) -> dict:
+    """What the service does not take of one entry of a POST, by key."""
+    name = change.get("interface") if isinstance(change, dict) else None
+    if not isinstance(name, str) or name not in names:
+        return {"interface": "unknown interface"}
+    reasons = {key: refusal(key, value) for key, value in change.items() if key != "interface"}
+    return {key: reason for key, reason in reasons.items() if reason is not None}
+
+
+class NetSettings:
+    """The local network-settings service on localhost:49998 that owns the interface settings.
+
+    One JSON request per connection, sent without a terminator; one compact JSON reply, then the
+    service closes. {"action":"GET","object":"/unified_services/ip/settings","args":{}} is
+    answered with {"result":[ one object per interface, "interface" first ]};
+    {"action":"POST","object":...,"args":[ {"interface":NAME, settings...} ]} changes the named
+    interfaces and is answered {"result":{}}, or, when any value is refused, changes nothing
+    and is answered {"result":{KEY: REASON, ...}}. Anything else gets {"error": TEXT}.
+
+    Faults: "down" (nothing listens), "silent" (reads the request, never answers, keeps the
+    connection until the client closes it), "garbage" (answers a text that is not JSON),
+    "refuse" (closes each connection at once, without reading); delay_ms holds every answer
+    back that long."""
+
+    def __init__(self, port: int = NETSETTINGS_PORT):
+        self.port = port
+        # Starting and stopping waits for the connections' threads, which take _lock: the two
+        # never nest the other way round.
+        self._life_lock = threading.Lock()
+        self._lock = threading.Lock()
+        self._server = None
+        self._interfaces = factory_interfaces()
+        self._fault = None
+        self._garbage = NETSETTINGS_GARBAGE
+        self._delay_ms = 0
+        self._log = []
+
+    # -- life ----------------------------------------------------------------------------------
+
+    def start(self):
+        with self._life_lock:
+            if self.state()["fault"] != "down":
+                self._listen()
+        return self
+
+    def stop(self):
+        with self._life_lock:
+            self._close()
+
+    def _listen(self):
+        if self._server is not None:
+            return
+        try:
+            server = _TcpServer(self.port, _NetSettingsConnection, self)
+        except OSError as error:
+            if error.errno != errno.EADDRINUSE:
+                raise
+            raise OSError(error.errno,
+                          f"the network-settings port {LOCALHOST}:{self.port} is taken; only "
+                          f"one box at a time can serve it (--netsettings)") from None
+        with self._lock:
+            self._server = server
+
+    def _close(self):
+        with self._lock:
+            server, self._server = self._server, None
+        if server is not None:
+            server.close()
+
+    # -- what people and tests change or look at ----------------------------------------------
+
+    def set_fault(self, fault: str | None, garbage: str | None = None,
+                  delay_ms: int | None = None):
+        """fault: one of NETSETTINGS_FAULTS or None; garbage: the text a "garbage" service
+        answers; delay_ms: how long every answer is held back. None leaves garbage and delay_ms
+        as they are."""
+        if fault is not None and fault not in NETSETTINGS_FAULTS:
+            raise ValueError(f"unknown fault {fault!r}, expected one of {NETSETTINGS_FAULTS}")
+        if garbage is not None and not isinstance(garbage, str):
+            raise ValueError(f"garbage: not a text: {garbage!r}")
+        if delay_ms is not None:
+            tavimod.check_count(delay_ms)
+        with self._life_lock:
+            if fault == "down":
+                self._close()
+            else:
+                self._listen()
+            with self._lock:
+                self._fault = fault
+                if garbage is not None:
+                    self._garbage = garbage
+                if delay_ms is not None:
+                    self._delay_ms = delay_ms
+
+    def set_interfaces(self, interfaces: list):
+        """Puts the interface list in place as given, also entries a POST would refuse."""
+        if not isinstance(interfaces, list) or not all(isinstance(entry, dict)
+                                                       for entry in interfaces):
+            raise ValueError(f"interfaces: not a list of objects: {interfaces!r}")
+        with self._lock:
+            self._interfaces = copy.deepcopy(interfaces)
+
+    def interfaces(self) -> list:
+        with self._lock:
+            return copy.deepcopy(self._interfaces)
+
+    def state(self) -> dict:
+        with self._lock:
+            return {"port": self.port, "listening": self._server is not None,
+                    "fault": self._fault, "garbage": self._garbage, "delay_ms": self._delay_ms,
+                    "interfaces": copy.deepcopy(self._interfaces)}
+
+    def exchanges(self) -> list:
+        """Every connection taken: its request and the reply (null: none was sent)."""
+        with self._lock:
+            return list(self._log)
+
+    def clear_exchanges(self):
+        with self._lock:
+            self._log.clear()
+
+    # -- serving -------------------------------------------------------------------------------
+
+    def serve(self, connection: socket.socket):
+        with self._lock:
+            fault, delay_ms = self._fault, self._delay_ms
+        if fault == "refuse":
+            self._record(None, None, fault)
+            return
+        request = _read_request(connection)
+        if fault == "silent":
+            self._record(request, None, fault)
+            _drain(connection)
+            return
+        reply = self._garbage if fault == "garbage" else self._answer(request)
+        self._record(request, reply, fault)
+        time.sleep(delay_ms / 1000)
+        try:
+            connection.sendall(reply.encode())
+        except OSError:
+            pass
+
+    def _record(self, request: str | None, reply: str | None, fault: str | None):
+        with self._lock:
+            self._log.append({"time": time.time(), "request": request, "reply": reply,
+                              "fault": fault})
+
+    def _answer(self, text: str) -> str:
+        try:
+            request, _ = json.JSONDecoder().raw_decode(text.lstrip())
+        except ValueError:
+            request = None
+        return json.dumps(self._reply(request), separators=(",", ":"))
+
+    def _reply(self, request) -> dict:
+        if not isinstance(request, dict):
+            return {"error": "request is not a JSON object"}
+        if request.get("object") != NETSETTINGS_OBJECT:
+            return {"error": f"unknown object: {json.dumps(request.get('object'))}"}
+        if request.get("action") == "GET":
+            return {"result": self.interfaces()}
+        if request.get("action") == "POST":
+            return {"result": self._post(request.get("args"))}
+        return {"error": f"unknown action: {json.dumps(request.get('action'))}"}
+
+    def _post(self, changes) -> dict:
+        """Nothing changes unless every value of every entry is taken."""
+        if not isinstance(changes, list) or not changes:
+            return {"args": "not a list of interface settings"}
+        with self._lock:
+            names = [entry.get("interface") for entry in self._interfaces]
+            refused = {}
+            for change in changes:
+                refused.update(refusals(change, names))
+            if not refused:
+                for change in changes:
+                    self._interfaces[names.index(change["interface"])].update(change)
+            return refused
+
+
+def _read_request(connection: socket.socket) -> str:
+    """One JSON text: complete, or what came before the client closed or paused."""
+    connection.settimeout(NETSETTINGS_REQUEST_WAIT)
+    data = b""
+    while True:
+        try:
+            chunk = connection.recv(4096)
+        except OSError:
+            break
+        if not chunk:
+            break
+        data += chunk
+        try:
+            json.JSONDecoder().raw_decode(data.decode("utf-8").lstrip())
+        except ValueError:
+            continue
+        break
+    return data.decode("utf-8", errors="replace")
+
+
+def _drain(connection: socket.socket):
+    """Reads until the client closes, or the service stops and ends the connection."""
+    connection.settimeout(None)
+    try:
+        while connection.recv(4096):
+            pass
+    except OSError:
+        pass
+
+
+class _NetSettingsConnection(socketserver.BaseRequestHandler):
+    def handle(self):
+        self.server.owner.serve(self.request)
+
+
+# ---------------------------------------------------------------------------------------------
 # The box root
 
 
-DEVICE_RECORD = '{"action":"set","object":"device","args":{"output_mode":"%s","device_id":"0"}}'
+# The stand-in scripts, by the name their calls are recorded with.
+SCRIPTS = {"tavid": "etc/rc.d/init.d/tavid", "network_eth1": "etc/rc.d/init.d/network_eth1",
+           "reboot": "sbin/reboot"}
 
 RECORDING_SCRIPT = """#!/bin/sh
-# Stand-in for the box's {name}: records every call.
+# Stand-in for the box's {name}: records every call, then fails with the status that
+# {name}.status holds, if any.
 PATH=${{PATH:-/usr/bin:/bin}}
 root={root}
 echo "$(date +%s.%N) {name} $*" >>"$root/calls.log"
+status=$(cat "$root/{name}.status" 2>/dev/null)
+[ "${{status:-0}}" = 0 ] || exit "$status"
 """
 
 # The init script restarts the daemon in the mode of the stored device record, as the box's
@@ -343,35 +672,84 @@ echo $! >>"$root/tavid.pid"
 """
 
 QEL2IP = """#!/usr/bin/python3
-# Stand-in for the streaming program: records its command line, publishes a rate and streams
-# nothing. It runs with an empty environment, so the root is written in here.
-import json, os, signal, sys
+# Stand-in for the streaming program: records how it was started, publishes a rate and streams
+# nothing. It runs with an empty environment, so the root is written in here; what it is to do
+# is read from the root's qel2ip.conf when it starts.
+import json, os, signal, sys, time
 
 ROOT = {root!r}
 
-# The daemon counts a child as stopped only when a signal ended it: keep SIGTERM's default.
-signal.signal(signal.SIGTERM, signal.SIG_DFL)
+
+def record(entry):
+    with open(os.path.join(ROOT, "qel2ip.log"), "a") as log:
+        log.write(json.dumps({{"time": time.time(), "pid": os.getpid(), **entry}}) + "\\n")
+
+
+def ignore_sigterm(signum, frame):
+    record({{"event": "sigterm_ignored"}})
+
+
+def config():
+    try:
+        with open(os.path.join(ROOT, "qel2ip.conf")) as conf:
+            return json.load(conf)
+    except (OSError, ValueError):
+        return {{}}
+
+
+def environment():
+    \"\"\"As the process was started: Python may add to os.environ on its own.\"\"\"
+    with open("/proc/self/environ", "rb") as environ:
+        items = [item.decode(errors="replace") for item in environ.read().split(b"\\0") if item]
+    return dict(item.partition("=")[::2] for item in items)
+
+
+conf = config()
+# The daemon counts a child as stopped only when a signal ended it: SIGTERM keeps its default
+# unless the child is to be one that only SIGKILL ends.
+signal.signal(signal.SIGTERM, ignore_sigterm if conf.get("ignore_sigterm") else signal.SIG_DFL)
 args = sys.argv[1:]
 unit = args[args.index("-i") + 1] if "-i" in args[:-1] else ""
-with open(os.path.join(ROOT, "tmp", "qel2ip.args"), "a") as record:
-    record.write(json.dumps({{"pid": os.getpid(), "argv": sys.argv}}) + "\\n")
-with open(os.path.join(ROOT, "tmp", "qelstat" + unit), "w") as stat:
-    stat.write({rate!r})
+record({{"event": "start", "argv": sys.argv, "env": environment()}})
+rate = conf.get("rate", {rate!r})
+if rate is not None:
+    # Put in place whole: the daemon may read it at any moment.
+    stat = os.path.join(ROOT, "tmp", "qelstat" + unit)
+    with open(stat + ".new", "w") as new:
+        new.write(rate)
+    os.replace(stat + ".new", stat)
+if conf.get("exit_status") is not None:
+    record({{"event": "exit", "status": conf["exit_status"]}})
+    sys.exit(conf["exit_status"])
 while True:
     signal.pause()
 """
 
 HWMON_TEMPERATURE = "sys/class/hwmon/hwmon0/device/temp1_input"
 THERMAL_TEMPERATURE = "sys/devices/virtual/thermal/thermal_zone0/temp"
+TEMPERATURE_SENSORS = (HWMON_TEMPERATURE, THERMAL_TEMPERATURE)
+RGB_LED = "sys/class/leds/rgb_red"
+STORAGE_LED = "storage"
+
+# The alarm LED and the temperature sensor that the daemon uses in each output mode.
+ALARM_LEDS = {"rf": RGB_LED, "ip_spts": STORAGE_LED, "ip_mpts": RGB_LED}
+MODE_TEMPERATURE = {"rf": HWMON_TEMPERATURE, "ip_spts": THERMAL_TEMPERATURE,
+                    "ip_mpts": HWMON_TEMPERATURE}
+
+SETTINGS_FILE = "data/settings.conf"
+SETTINGS_RECORD_END = "\n\r"
 
 
 class Box:
     """A box root and the hardware behind it.
 
-    The constructor lays out the root's files; start() opens the bus socket dev/i2c-0 and the
-    control socket sim.ctl, stop() closes them again."""
+    The constructor lays out the root's files; start() opens the bus socket dev/i2c-0, the
+    control socket sim.ctl and, when the box was made with netsettings, the network-settings
+    service on localhost (its port is fixed on the box, so only one box at a time can offer
+    it); stop() closes them again."""
 
-    def __init__(self, root: str, mode: str = "rf"):
+    def __init__(self, root: str, mode: str = "rf", netsettings: bool = False,
+                 netsettings_port: int = NETSETTINGS_PORT):
         if mode not in MODES:
             raise ValueError(f"unknown output mode {mode!r}, expected one of {MODES}")
         self.root = os.path.abspath(root)
@@ -384,12 +762,15 @@ class Box:
         self.modules = create_modules(mode)
         for addr, module in self.modules.items():
             self.bus.attach(addr, module)
+        self.netsettings = NetSettings(netsettings_port) if netsettings else None
         self.commands = {
             "bus_log": self._command_bus_log,
             "clear_bus_log": self._command_clear_bus_log,
             "set_absent": self._command_set_absent,
             "nack_next": self._command_nack_next,
+            "temperature": self._command_temperature,
             "set_temperature": self._command_set_temperature,
+            "leds": self._command_leds,
             "modules": self._command_modules,
             "module": self._command_module,
             "module_log": self._command_module_log,
@@ -400,6 +781,18 @@ class Box:
             "set_error": self._command_set_error,
             "set_corrupt": self._command_set_corrupt,
             "clear_faults": self._command_clear_faults,
+            "calls": self._command_calls,
+            "clear_calls": self._command_clear_calls,
+            "set_script_status": self._command_set_script_status,
+            "stored_settings": self._command_stored_settings,
+            "qel2ip": self._command_qel2ip,
+            "set_qel2ip": self._command_set_qel2ip,
+            "set_qelstat": self._command_set_qelstat,
+            "netsettings": self._command_netsettings,
+            "set_netsettings": self._command_set_netsettings,
+            "set_netsettings_fault": self._command_set_netsettings_fault,
+            "netsettings_log": self._command_netsettings_log,
+            "clear_netsettings_log": self._command_clear_netsettings_log,
         }
         self._servers = []
         self._lay_out()
@@ -411,15 +804,29 @@ class Box:
     # -- life ----------------------------------------------------------------------------------
 
     def start(self):
-        if not self._servers:
-            self._servers = [_UnixServer(self.bus_path, _BusConnection, self.bus),
-                             _UnixServer(self.control_path, _ControlConnection, self)]
+        """A network-settings port that is taken fails the start with an OSError that says
+        so; nothing is left open then."""
+        if self._servers:
+            return self
+        self._servers = [_UnixServer(self.bus_path, _BusConnection, self.bus),
+                         _UnixServer(self.control_path, _ControlConnection, self)]
+        if self.netsettings is not None:
+            try:
+                self.netsettings.start()
+            except OSError:
+                self.stop()
+                raise
         return self
 
     def stop(self):
+        """Also ends the streaming stand-ins still running, which a daemon that was killed
+        leaves behind."""
+        if self.netsettings is not None:
+            self.netsettings.stop()
         for server in self._servers:
             server.close()
         self._servers = []
+        self.kill_qel2ip()
 
     def __enter__(self):
         return self.start()
@@ -429,10 +836,27 @@ class Box:
 
     # -- what people and tests change or look at ----------------------------------------------
 
-    def set_temperature(self, millidegrees: int):
-        """Both sensors, so that every mode reads the same value."""
-        for sensor in (HWMON_TEMPERATURE, THERMAL_TEMPERATURE):
-            self._write(sensor, f"{int(millidegrees)}\n")
+    def set_temperature(self, millidegrees: int | None):
+        """Both sensors, so that every mode reads the same value; None removes the sensor
+        files."""
+        for sensor in TEMPERATURE_SENSORS:
+            if millidegrees is None:
+                remove_file(self.path(sensor))
+            else:
+                self._write(sensor, f"{int(millidegrees)}\n")
+
+    def temperature(self) -> dict:
+        """The text of every sensor file (None: missing), and the sensor of the box's mode."""
+        return {"sensor": MODE_TEMPERATURE[self.mode],
+                "sensors": {sensor: self._read(sensor) for sensor in TEMPERATURE_SENSORS}}
+
+    def leds(self) -> dict:
+        """Brightness and trigger of both LEDs as their files hold them (None: missing), and
+        which of them is the alarm LED of the box's mode."""
+        return {"alarm": ALARM_LEDS[self.mode],
+                "leds": {led: {name: self._read(f"{led}/{name}")
+                               for name in ("brightness", "trigger")}
+                         for led in (RGB_LED, STORAGE_LED)}}
 
     def configure_restart(self, tavid: str = "", args=(), launcher=()):
         """What the init script runs on "restart": launcher, tavid, args, then -m MODE.
@@ -442,6 +866,72 @@ class Box:
         self._write("etc/tavid.env",
                     "".join(f"{key}={shlex.quote(value)}\n" for key, value in values.items()))
 
+    def configure_qel2ip(self, ignore_sigterm: bool = False, rate: str | None = QEL2IP_RATE_MBPS,
+                         exit_status: int | None = None):
+        """What the streaming stand-ins started from now on do: ignore SIGTERM (only SIGKILL
+        ends them), write `rate` as their statistics (None: no statistics file), end at once
+        with exit_status (None: run until a signal ends them)."""
+        if not isinstance(ignore_sigterm, bool):
+            raise ValueError(f"ignore_sigterm: not true or false: {ignore_sigterm!r}")
+        if rate is not None and not isinstance(rate, str):
+            raise ValueError(f"rate: not a text: {rate!r}")
+        if exit_status is not None and not 0 <= tavimod.check_count(exit_status) <= 255:
+            raise ValueError(f"exit_status: not an exit status: {exit_status!r}")
+        self._write("qel2ip.conf", json.dumps({"ignore_sigterm": ignore_sigterm, "rate": rate,
+                                               "exit_status": exit_status}) + "\n")
+
+    def qel2ip_config(self) -> dict:
+        return json.loads(self._read("qel2ip.conf"))
+
+    def qel2ip_log(self) -> list:
+        """What the stand-ins recorded, in order: {"event": "start", "argv", "env"},
+        {"event": "sigterm_ignored"}, {"event": "exit", "status"}, each with "time" and "pid"."""
+        text = self._read("qel2ip.log") or ""
+        return [json.loads(line) for line in text.splitlines()]
+
+    def qel2ip_runs(self) -> list:
+        """Every stand-in started: pid, argv, env, start time and whether it still runs."""
+        return [{"pid": entry["pid"], "time": entry["time"], "argv": entry["argv"],
+                 "env": entry["env"], "running": process_running(entry["pid"])}
+                for entry in self.qel2ip_log() if entry["event"] == "start"]
+
+    def kill_qel2ip(self):
+        """SIGKILL to every stand-in of this root that still runs; a pid that another program
+        took over since is left alone."""
+        program = os.fsencode(self.path("opt/bin/qel2ip"))
+        for run in self.qel2ip_runs():
+            try:
+                with open(f"/proc/{run['pid']}/cmdline", "rb") as cmdline:
+                    if program not in cmdline.read().split(b"\0"):
+                        continue
+                os.kill(run["pid"], signal.SIGKILL)
+            except (FileNotFoundError, ProcessLookupError):
+                continue
+
+    def qel2ip_stats(self) -> dict:
+        """The statistics files, by unit."""
+        names = sorted(os.listdir(self.path("tmp")))
+        return {name[len("qelstat"):]: self._read(f"tmp/{name}") for name in names
+                if name.startswith("qelstat") and not name.endswith(".new")}
+
+    def set_qelstat(self, unit: str, text: str | None):
+        """Puts a statistics file in place as the stand-in would; None removes it."""
+        if not isinstance(unit, str) or "/" in unit:
+            raise ValueError(f"unit: not a unit number: {unit!r}")
+        if text is None:
+            remove_file(self.path(f"tmp/qelstat{unit}"))
+        elif not isinstance(text, str):
+            raise ValueError(f"text: not a text: {text!r}")
+        else:
+            self._write(f"tmp/qelstat{unit}", text)
+
+    def stored_settings(self) -> dict:
+        """data/settings.conf: its text and its records, each parsed (None: not JSON)."""
+        text = self._read(SETTINGS_FILE)
+        records = [] if text is None else [
+            parse_json(record) for record in text.split(SETTINGS_RECORD_END) if record]
+        return {"exists": text is not None, "text": text, "records": records}
+
     def module(self, addr: int) -> tavimod.Module:
         if addr not in self.modules:
             raise ValueError(f"no module at address {addr:#04x} in mode {self.mode}")
@@ -449,16 +939,23 @@ class Box:
 
     def calls(self) -> list:
         """The stand-in scripts' calls so far: (time, name, [arguments])."""
-        try:
-            with open(self.path("calls.log"), encoding="utf-8") as log:
-                lines = log.read().splitlines()
-        except FileNotFoundError:
-            return []
         calls = []
-        for line in lines:
+        for line in (self._read("calls.log") or "").splitlines():
             stamp, name, *args = line.split(" ")
             calls.append((float(stamp), name, [arg for arg in args if arg]))
         return calls
+
+    def clear_calls(self):
+        self._write("calls.log", "")
+
+    def set_script_status(self, name: str, status: int):
+        """The exit status with which a stand-in script ends after recording its call (0: it
+        does its work); a tavid script that fails does not restart the daemon."""
+        if name not in SCRIPTS:
+            raise ValueError(f"no script {name!r}, expected one of {tuple(SCRIPTS)}")
+        if not 0 <= tavimod.check_count(status) <= 255:
+            raise ValueError(f"not an exit status: {status!r}")
+        self._write(f"{name}.status", f"{status}\n")
 
     def control(self, command: dict) -> dict:
         """Runs one control command ({"cmd": NAME, ...}); the answer has "ok" and, when it
@@ -470,6 +967,8 @@ class Box:
             return {"ok": True, **handler(command)}
         except (KeyError, TypeError, ValueError) as error:
             return {"ok": False, "error": f"bad arguments ({error!r}): {json.dumps(command)}"}
+        except OSError as error:
+            return {"ok": False, "error": f"failed ({error}): {json.dumps(command)}"}
 
     def control_line(self, line: bytes) -> bytes:
         try:
@@ -500,9 +999,74 @@ class Box:
         self.bus.nack_next(number(command["addr"]), number(command["count"]))
         return {}
 
+    def _command_temperature(self, command: dict) -> dict:
+        return self.temperature()
+
     def _command_set_temperature(self, command: dict) -> dict:
-        self.set_temperature(int(command["millidegrees"]))
+        """"millidegrees": a number, or null to take the sensor files away."""
+        millidegrees = command["millidegrees"]
+        self.set_temperature(None if millidegrees is None else number(millidegrees))
         return {}
+
+    def _command_leds(self, command: dict) -> dict:
+        return self.leds()
+
+    def _command_calls(self, command: dict) -> dict:
+        return {"calls": [{"time": stamp, "name": name, "args": args}
+                          for stamp, name, args in self.calls()]}
+
+    def _command_clear_calls(self, command: dict) -> dict:
+        self.clear_calls()
+        return {}
+
+    def _command_set_script_status(self, command: dict) -> dict:
+        self.set_script_status(command["name"], number(command["status"]))
+        return {}
+
+    def _command_stored_settings(self, command: dict) -> dict:
+        return self.stored_settings()
+
+    def _command_qel2ip(self, command: dict) -> dict:
+        return {"config": self.qel2ip_config(), "runs": self.qel2ip_runs(),
+                "log": self.qel2ip_log(), "stats": self.qel2ip_stats()}
+
+    def _command_set_qel2ip(self, command: dict) -> dict:
+        """Any of "ignore_sigterm", "rate", "exit_status"; the others stay as they are."""
+        tavimod.check_keys(command, ("cmd", "ignore_sigterm", "rate", "exit_status"), "set_qel2ip")
+        config = self.qel2ip_config()
+        config.update({key: value for key, value in command.items() if key != "cmd"})
+        self.configure_qel2ip(**config)
+        return {}
+
+    def _command_set_qelstat(self, command: dict) -> dict:
+        self.set_qelstat(str(command["unit"]), command["text"])
+        return {}
+
+    def _command_netsettings(self, command: dict) -> dict:
+        return {"netsettings": self._netsettings().state()}
+
+    def _command_set_netsettings(self, command: dict) -> dict:
+        self._netsettings().set_interfaces(command["interfaces"])
+        return {}
+
+    def _command_set_netsettings_fault(self, command: dict) -> dict:
+        """"fault": one of the faults or null; "garbage" and "delay_ms" when given."""
+        delay_ms = command.get("delay_ms")
+        self._netsettings().set_fault(command["fault"], command.get("garbage"),
+                                      None if delay_ms is None else number(delay_ms))
+        return {}
+
+    def _command_netsettings_log(self, command: dict) -> dict:
+        return {"exchanges": self._netsettings().exchanges()}
+
+    def _command_clear_netsettings_log(self, command: dict) -> dict:
+        self._netsettings().clear_exchanges()
+        return {}
+
+    def _netsettings(self) -> NetSettings:
+        if self.netsettings is None:
+            raise ValueError("this box has no network-settings service (--netsettings)")
+        return self.netsettings
 
     def _command_modules(self, command: dict) -> dict:
         return {"modules": [self.modules[addr].state() for addr in sorted(self.modules)]}
@@ -564,30 +1128,37 @@ class Box:
         self._lay_out_programs()
         self._lay_out_sysfs()
         self.configure_restart()
+        self.configure_qel2ip()
 
     def _lay_out_programs(self):
         root = shlex.quote(self.root)
         self._write("opt/bin/qel2ip", QEL2IP.format(root=self.root, rate=QEL2IP_RATE_MBPS),
                     executable=True)
         for mode in MODES:
-            self._write(f"opt/bin/default_settings_{mode}.conf", DEVICE_RECORD % mode + "\n\r")
-        self._write("etc/rc.d/init.d/tavid",
-                    RECORDING_SCRIPT.format(name="tavid", root=root) + TAVID_RESTART,
-                    executable=True)
-        self._write("etc/rc.d/init.d/network_eth1",
-                    RECORDING_SCRIPT.format(name="network_eth1", root=root), executable=True)
-        self._write("sbin/reboot", RECORDING_SCRIPT.format(name="reboot", root=root),
-                    executable=True)
+            self._write(f"opt/bin/default_settings_{mode}.conf",
+                        tavidefaults.default_settings(mode))
+        for name, path in SCRIPTS.items():
+            script = RECORDING_SCRIPT.format(name=name, root=root)
+            self._write(path, script + TAVID_RESTART if name == "tavid" else script,
+                        executable=True)
 
     def _lay_out_sysfs(self):
         for gpio in (17, 193, 196):
             self._write(f"sys/class/gpio/gpio{gpio}/value", "0\n")
             self._write(f"sys/class/gpio/gpio{gpio}/direction", "in\n")
         # The alarm LEDs are lit at power-up: the daemon clearing them is visible.
-        for led in ("sys/class/leds/rgb_red", "storage"):
+        for led in (RGB_LED, STORAGE_LED):
             self._write(f"{led}/brightness", "1\n")
             self._write(f"{led}/trigger", "heartbeat\n")
         self.set_temperature(BOOT_TEMPERATURE)
+
+    def _read(self, box_path: str) -> str | None:
+        """The file's text, None when it is missing."""
+        try:
+            with open(self.path(box_path), encoding="utf-8", newline="") as file:
+                return file.read()
+        except FileNotFoundError:
+            return None
 
     def _write(self, box_path: str, text: str, executable: bool = False):
         path = self.path(box_path)
@@ -596,6 +1167,29 @@ class Box:
             file.write(text)
         if executable:
             os.chmod(path, 0o755)
+
+
+def remove_file(path: str):
+    try:
+        os.unlink(path)
+    except FileNotFoundError:
+        pass
+
+
+def process_running(pid: int) -> bool:
+    """Whether the process exists and has not ended (a zombie that nobody reaped has)."""
+    try:
+        with open(f"/proc/{pid}/stat", encoding="ascii", errors="replace") as stat:
+            return stat.read().rpartition(")")[2].split()[0] != "Z"
+    except (FileNotFoundError, ProcessLookupError, IndexError):
+        return False
+
+
+def parse_json(text: str):
+    try:
+        return json.loads(text)
+    except ValueError:
+        return None
 
 
 def number(value) -> int:
@@ -628,11 +1222,14 @@ def serve(args) -> int:
     # below is the only one to take the signals.
     signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT, signal.SIGTERM})
     os.makedirs(args.root, exist_ok=True)
-    with Box(args.root, args.mode) as box:
+    with Box(args.root, args.mode, args.netsettings, args.netsettings_port) as box:
         if args.tavid:
             box.configure_restart(args.tavid, shlex.split(args.tavid_args),
                                   shlex.split(args.launcher))
-        print(f"tavisim: box root {box.root} (mode {box.mode}), bus at {box.bus_path}", flush=True)
+        netsettings = (f", network settings at {LOCALHOST}:{box.netsettings.port}"
+                       if box.netsettings else "")
+        print(f"tavisim: box root {box.root} (mode {box.mode}), bus at {box.bus_path}{netsettings}",
+              flush=True)
         signal.sigwait({signal.SIGINT, signal.SIGTERM})
     return 0
 
@@ -646,6 +1243,10 @@ def parse_args(argv):
     parser.add_argument("--tavid", default="", help="daemon that the init script restarts")
     parser.add_argument("--tavid-args", default="", help="its options, besides -m")
     parser.add_argument("--launcher", default="", help="command put in front of the daemon")
+    parser.add_argument("--netsettings", action="store_true",
+                        help="also serve the network-settings service on localhost")
+    parser.add_argument("--netsettings-port", type=int, default=NETSETTINGS_PORT,
+                        help=f"its port (the box's is {NETSETTINGS_PORT})")
     return parser.parse_args(argv)
 
 

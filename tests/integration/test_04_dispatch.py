@@ -42,17 +42,26 @@ INVALID = error("JSON command is invalid (JSON object)")
     (b'{"action":"execute","object":"reset","args":{"level":"4"}}', error("JSON command argument out of bounds ((null))")),
     (b'{"action":"execute","object":"reset","args":{"level":2}}',
      error("JSON command is missing a mandatory argument ((null))")),
-    (b'{"action":"get","object":"device","args":{}} and then some', error("JSON command has an unknown action (get)")),
+    (b'{"action":"get","object":"device","args":{}} and then some',
+     b'{"arrayedResult":[{"output_mode":"rf","device_id":"0"}]}'),
 ])
 def test_request_checks(box, tavid, text, reply):
     daemon = tavid(box)
     assert request(daemon.port, text) == reply
 
 
-def test_store_settings_with_nothing_to_store_writes_an_empty_file(box, tavid):
+def test_store_settings_writes_one_set_request_per_instance_in_table_order(box, tavid):
     daemon = tavid(box)
     assert request(daemon.port, b'{"action":"execute","object":"store_settings","args":{}}') == b"{}"
-    assert Path(box.path("/data/settings.conf")).read_bytes() == b""
+    text = Path(box.path("/data/settings.conf")).read_bytes()
+    assert text.endswith(b"\n\r")
+    records = [json.loads(line) for line in text.split(b"\n\r")[:-1]]
+    assert [(r["action"], r["object"], list(r["args"])[-1], r["args"][list(r["args"])[-1]]) for r in records] == [
+        ("set", "device", "device_id", "0"),
+        ("set", "input_hdmi", "input_id", "0"), ("set", "input_hdmi", "input_id", "1"),
+        ("set", "input_hdmi", "input_id", "2"), ("set", "input_hdmi", "input_id", "3"),
+        ("set", "output_rf", "output_id", "0"), ("set", "output_rf", "output_id", "1"),
+    ]
 
 
 def test_execute_takes_arrayed_args_element_by_element(box, tavid):

@@ -3,11 +3,13 @@ and the harness helpers that talk to the daemon's port."""
 
 import json
 import os
+import shutil
 import signal
 import socket
 import stat
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 from pathlib import Path
@@ -105,13 +107,6 @@ def test_box_paths_accept_absolute_box_paths(box):
     assert box.path("/data/settings.conf") == os.path.join(box.root, "data/settings.conf")
 
 
-@pytest.mark.parametrize("mode", tavisim.MODES)
-def test_default_settings_name_their_mode(box, mode):
-    text = Path(box.path(f"opt/bin/default_settings_{mode}.conf")).read_bytes()
-    assert text == (b'{"action":"set","object":"device","args":{"output_mode":"%s",'
-                    b'"device_id":"0"}}\n\r' % mode.encode())
-
-
 def test_temperature_is_set_in_both_sensors(box):
     for sensor in (tavisim.HWMON_TEMPERATURE, tavisim.THERMAL_TEMPERATURE):
         assert Path(box.path(sensor)).read_text() == "45500\n"
@@ -148,6 +143,229 @@ def test_box_is_a_context_manager(tmp_path):
     with root as box:
         assert os.path.exists(box.bus_path)
     assert not os.path.exists(box.bus_path)
+
+
+def test_temperature_query_names_the_modes_sensor(make_box):
+    box = make_box("ip_spts")
+    assert control(box, {"cmd": "temperature"}) == {
+        "ok": True, "sensor": tavisim.THERMAL_TEMPERATURE,
+        "sensors": {tavisim.HWMON_TEMPERATURE: "45500\n", tavisim.THERMAL_TEMPERATURE: "45500\n"}}
+    assert control(box, {"cmd": "set_temperature", "millidegrees": "0xB1D8"}) == {"ok": True}
+    assert Path(box.path(tavisim.THERMAL_TEMPERATURE)).read_text() == "45528\n"
+    assert control(box, {"cmd": "temperature"})["sensors"][tavisim.HWMON_TEMPERATURE] == "45528\n"
+
+
+def test_temperature_sensors_can_be_taken_away(box):
+    assert control(box, {"cmd": "set_temperature", "millidegrees": None}) == {"ok": True}
+    assert not os.path.exists(box.path(tavisim.HWMON_TEMPERATURE))
+    answer = control(box, {"cmd": "temperature"})
+    assert (answer["sensor"], answer["sensors"]) == (
+        tavisim.HWMON_TEMPERATURE,
+        {tavisim.HWMON_TEMPERATURE: None, tavisim.THERMAL_TEMPERATURE: None})
+    box.set_temperature(-1500)
+    assert Path(box.path(tavisim.HWMON_TEMPERATURE)).read_text() == "-1500\n"
+
+
+@pytest.mark.parametrize("mode, alarm", [("rf", "sys/class/leds/rgb_red"),
+                                         ("ip_spts", "storage"),
+                                         ("ip_mpts", "sys/class/leds/rgb_red")])
+def test_leds_query_shows_what_the_led_files_hold(make_box, mode, alarm):
+    box = make_box(mode)
+    lit = {"brightness": "1\n", "trigger": "heartbeat\n"}
+    assert control(box, {"cmd": "leds"}) == {
+        "ok": True, "alarm": alarm, "leds": {"sys/class/leds/rgb_red": lit, "storage": lit}}
+    # What the daemon writes to clear its alarm LED: "none" and "0", without newlines.
+    Path(box.path(f"{alarm}/trigger")).write_text("none")
+    Path(box.path(f"{alarm}/brightness")).write_text("0")
+    assert control(box, {"cmd": "leds"})["leds"][alarm] == {"brightness": "0", "trigger": "none"}
+
+
+def test_stored_settings_query_shows_the_records(box):
+    assert control(box, {"cmd": "stored_settings"}) == {
+        "ok": True, "exists": False, "text": None, "records": []}
+    text = '{"action":"set","object":"device","args":{"device_id":"0"}}\n\r{"action":"se\n\r'
+    Path(box.path("data/settings.conf")).write_text(text, newline="")
+    assert control(box, {"cmd": "stored_settings"}) == {
+        "ok": True, "exists": True, "text": text,
+        "records": [{"action": "set", "object": "device", "args": {"device_id": "0"}}, None]}
+
+
+# ---------------------------------------------------------------------------------------------
+# Default settings files
+
+
+IDENTITY = ('"tsid":"1","onid":"1","nid":"1","private_data_specifier":"40","network_name":"tavi",'
+            '"network_version":"0"')
+RF_MODULATION = ('"type":"dvb-t","frequency":"%s","level":"0","bandwidth":"8","symbolrate":"6900",'
+                 '"constellation":"64-qam","guardinterval":"1/32","coderate":"2/3","fftmode":"8k",'
+                 '"carriertype":"multi","interleave":"none","syncframe":"420","enabled":"1"')
+DESTINATION = '"dst_addr":"239.0.0.1","dst_port":"5000"'
+
+
+def video(tag, pid):
+    return f'{{"stream_tag":"{tag}","pid":"{pid}","type":"27","bitrate":"8000"}}'
+
+
+def audio(tag, pid):
+    return f'{{"stream_tag":"{tag}","pid":"{pid}","type":"15","bitrate":"192"}}'
+
+
+def service(tag, sid, pmt_pid, enabled, *streams):
+    """A module's service at the factory: "HDMI <sid>" with LCN <sid>."""
+    return (f'{{"service_tag":"{tag}","sid":"{sid}","type":"1","service_name":"HDMI {sid}",'
+            f'"lcn":"{sid}","pmt_pid":"{pmt_pid}","enabled":"{enabled}",'
+            f'"streams":[{",".join(streams)}]}}')
+
+
+def ts(tag, *services):
+    return f'{{"ts_tag":"{tag}",{IDENTITY},"services":[{",".join(services)}]}}'
+
+
+def record(name, args, id_key, instance):
+    return f'{{"action":"set","object":"{name}","args":{{{args},"{id_key}":"{instance}"}}}}\n\r'
+
+
+def device(mode):
+    return record("device", f'"output_mode":"{mode}"', "device_id", 0)
+
+
+def hdmi(instance, ts_text):
+    return record("input_hdmi", f'"video_gopsize":"25","ts":{ts_text}', "input_id", instance)
+
+
+# The four modules' services as the HDMI inputs on mod_tarn_0 to mod_tarn_3 see them; the
+# inputs are made from the fourth down, so the first input's tags are the highest.
+def mux_input_services(enabled):
+    return [service(3, 1, 256, enabled[0], video(7, 257), audio(6, 258)),
+            service(2, 2, 512, enabled[1], video(5, 513), audio(4, 514)),
+            service(1, 3, 768, enabled[2], video(3, 769), audio(2, 770)),
+            service(0, 4, 1024, enabled[3], video(1, 1025), audio(0, 1026))]
+
+
+def mux_inputs(enabled):
+    return "".join(hdmi(n, ts(3 - n, text)) for n, text in enumerate(mux_input_services(enabled)))
+
+
+EXPECTED_DEFAULTS = {
+    "ip_spts": (
+        device("ip_spts")
+        + hdmi(0, ts(0, service(0, 1, 256, 1, video(1, 257), audio(0, 258))))
+        + record("output_ip", f'{DESTINATION},"ts":'
+                 + ts(1, service(0, 1, 256, 1, audio(0, 258), video(1, 257))), "output_id", 0)),
+    "ip_mpts": (
+        device("ip_mpts") + mux_inputs((1, 1, 1, 1))
+        + record("output_ip", f'{DESTINATION},"ts":' + ts(5, *mux_input_services((1, 1, 1, 1))),
+                 "output_id", 0)),
+    "rf": (
+        device("rf") + mux_inputs((1, 1, 1, 1))
+        + record("output_rf", RF_MODULATION % 474000 + ',"ts":'
+                 + ts(7, *mux_input_services((1, 1, 1, 1))), "output_id", 0)
+        + record("output_rf", RF_MODULATION % 490000 + ',"ts":'
+                 + ts(6, *mux_input_services((1, 1, 1, 1))), "output_id", 1)),
+}
+
+EXPECTED_OBJECTS = {
+    "rf": ["device", *["input_hdmi"] * 4, "output_rf", "output_rf"],
+    "ip_spts": ["device", "input_hdmi", "output_ip"],
+    "ip_mpts": ["device", *["input_hdmi"] * 4, "output_ip"],
+}
+ID_KEYS = {"device": "device_id", "input_hdmi": "input_id", "output_rf": "output_id",
+           "output_ip": "output_id"}
+
+
+def default_records(box, mode):
+    text = Path(box.path(f"opt/bin/default_settings_{mode}.conf")).read_bytes().decode()
+    assert text.endswith("\n\r")
+    return [json.loads(line) for line in text.split("\n\r")[:-1]]
+
+
+@pytest.mark.parametrize("mode", tavisim.MODES)
+def test_default_settings_hold_what_the_daemon_stores_in_each_mode(box, mode):
+    text = Path(box.path(f"opt/bin/default_settings_{mode}.conf")).read_bytes()
+    assert text == EXPECTED_DEFAULTS[mode].encode()
+
+
+@pytest.mark.parametrize("mode", tavisim.MODES)
+def test_default_records_are_set_requests_with_their_id_key_last(box, mode):
+    records = default_records(box, mode)
+    assert [r["object"] for r in records] == EXPECTED_OBJECTS[mode]
+    assert all(list(r) == ["action", "object", "args"] and r["action"] == "set" for r in records)
+    ids = [list(r["args"].items())[-1] for r in records]
+    numbers = {name: 0 for name in ID_KEYS}
+    for r, (key, value) in zip(records, ids):
+        assert (key, value) == (ID_KEYS[r["object"]], str(numbers[r["object"]]))
+        numbers[r["object"]] += 1
+    assert records[0]["args"] == {"output_mode": mode, "device_id": "0"}
+
+
+def module_of_input(box_mode, instance):
+    """The simulated module whose programme an HDMI input of the daemon carries."""
+    return tavisim.MODULE_ADDRESSES[box_mode][instance]
+
+
+@pytest.mark.parametrize("mode", tavisim.MODES)
+def test_default_inputs_hold_the_modules_factory_values(make_box, mode):
+    box = make_box(mode)
+    for r in default_records(box, mode):
+        if r["object"] != "input_hdmi":
+            continue
+        values = box.module(module_of_input(mode, int(r["args"]["input_id"]))).state()["settings"][
+            "parameters"]
+        ts_args = r["args"]["ts"]
+        (service_args,) = ts_args["services"]
+        assert r["args"]["video_gopsize"] == str(values["video_gopsize"])
+        assert {k: ts_args[k] for k in ("tsid", "onid", "nid", "network_name")} == {
+            "tsid": str(values["tsid"]), "onid": str(values["onid"]), "nid": str(values["nid"]),
+            "network_name": values["network_name"]}
+        assert (service_args["sid"], service_args["service_name"], service_args["pmt_pid"]) == (
+            str(values["sid"]), values["service_name"], str(values["pmt_pid"]))
+        assert [(s["pid"], s["bitrate"]) for s in service_args["streams"]] == [
+            (str(values["video_pid"]), str(values["video_bitrate"])),
+            (str(values["audio_pid"]), str(values["audio_bitrate"]))]
+
+
+def test_default_rf_outputs_modulate_as_their_modules_do_at_the_factory(box):
+    outputs = [r["args"] for r in default_records(box, "rf") if r["object"] == "output_rf"]
+    for args, addr in zip(outputs, (0x30, 0x32)):
+        values = box.module(addr).state()["settings"]["parameters"]
+        assert args["frequency"] == str(values["frequency"])
+        assert values["level"] == 5  # 0 dBm and the module's 5 dB below 500 MHz
+        assert args["level"] == "0"
+
+
+@pytest.mark.parametrize("mode", tavisim.MODES)
+def test_default_outputs_name_the_inputs_services_by_their_tags(box, mode):
+    records = default_records(box, mode)
+    inputs = {s["service_tag"]: s for r in records if r["object"] == "input_hdmi"
+              for s in r["args"]["ts"]["services"]}
+    for r in records:
+        if not r["object"].startswith("output_"):
+            continue
+        services = r["args"]["ts"]["services"]
+        assert sorted(s["service_tag"] for s in services) == sorted(inputs)
+        for s in services:
+            source = inputs[s["service_tag"]]
+            assert {k: v for k, v in s.items() if k not in ("enabled", "streams")} == {
+                k: v for k, v in source.items() if k not in ("enabled", "streams")}
+            assert sorted(s["streams"], key=lambda x: x["stream_tag"]) == sorted(
+                source["streams"], key=lambda x: x["stream_tag"])
+
+
+def service_flags(records, prefix):
+    return [{s["service_tag"]: s["enabled"] for s in r["args"]["ts"]["services"]}
+            for r in records if r["object"].startswith(prefix)]
+
+
+@pytest.mark.parametrize("mode", tavisim.MODES)
+def test_default_outputs_carry_every_programme_and_agree_with_the_inputs(box, mode):
+    """Every output switches on the same services, and each input's own flag says the same:
+    the RF box's two multiplexers both write those flags."""
+    records = default_records(box, mode)
+    inputs = {tag: flag for flags in service_flags(records, "input_hdmi")
+              for tag, flag in flags.items()}
+    assert inputs == {str(tag): "1" for tag in range(len(inputs))}
+    outputs = service_flags(records, "output_")
+    assert outputs == [inputs] * (2 if mode == "rf" else 1)
 
 
 # ---------------------------------------------------------------------------------------------
@@ -867,19 +1085,406 @@ def test_reboot_and_interface_scripts_record_their_calls(box):
     assert all(before - 1 < stamp < time.time() + 1 for stamp, _, _ in calls)
 
 
-def test_qel2ip_records_its_arguments_and_ends_on_sigterm(box):
+def test_init_script_restarts_in_the_mode_of_copied_defaults(box):
+    box.configure_restart(write_fake_daemon(box))
+    shutil.copy(box.path("opt/bin/default_settings_ip_spts.conf"), box.path("data/settings.conf"))
+    assert run_script(box, box.path("etc/rc.d/init.d/tavid"), "restart") == 0
+    wait_for(lambda: os.path.exists(box.path("fake.out")))
+    assert Path(box.path("fake.out")).read_text() == f"{box.root} -m ip_spts\n"
+
+
+def test_scripts_fail_on_demand_after_recording(box):
+    box.configure_restart(write_fake_daemon(box))
+    assert control(box, {"cmd": "set_script_status", "name": "network_eth1", "status": 3}) == {
+        "ok": True}
+    box.set_script_status("tavid", 1)
+    box.set_script_status("reboot", 2)
+    assert run_script(box, box.path("etc/rc.d/init.d/network_eth1"), "restart") == 3
+    assert run_script(box, box.path("etc/rc.d/init.d/tavid"), "restart") == 1
+    assert run_script(box, "sh", "-c", "reboot") == 2
+    assert [(name, args) for _, name, args in box.calls()] == [
+        ("network_eth1", ["restart"]), ("tavid", ["restart"]), ("reboot", [])]
+    assert not os.path.exists(box.path("tavid.pid"))  # a failing init script restarts nothing
+    box.set_script_status("network_eth1", 0)
+    assert run_script(box, box.path("etc/rc.d/init.d/network_eth1"), "restart") == 0
+    assert control(box, {"cmd": "set_script_status", "name": "cp", "status": 1})["ok"] is False
+    assert control(box, {"cmd": "set_script_status", "name": "reboot", "status": 256})[
+        "ok"] is False
+
+
+def test_calls_query_lists_and_clears_the_calls(box):
+    assert run_script(box, box.path("etc/rc.d/init.d/network_eth1"), "restart", "now") == 0
+    answer = control(box, {"cmd": "calls"})
+    assert [(c["name"], c["args"]) for c in answer["calls"]] == [("network_eth1", ["restart",
+                                                                                     "now"])]
+    assert answer["calls"][0]["time"] <= time.time()
+    assert control(box, {"cmd": "clear_calls"}) == {"ok": True}
+    assert control(box, {"cmd": "calls"}) == {"ok": True, "calls": []}
+
+
+def start_qel2ip(box, *args, env=None):
     program = box.path("opt/bin/qel2ip")
-    child = subprocess.Popen([program, "-d", "239.0.0.1", "-p", "5000", "-i", "4"], env={})
+    child = subprocess.Popen([program, *args], env={} if env is None else env)
+    wait_for(lambda: any(e["pid"] == child.pid for e in box.qel2ip_log()))
+    return program, child
+
+
+def test_qel2ip_records_its_arguments_and_environment_and_ends_on_sigterm(box):
+    program, child = start_qel2ip(box, "-d", "239.0.0.1", "-p", "5000", "-i", "4")
     try:
         wait_for(lambda: os.path.exists(box.path("tmp/qelstat4")))
-        assert Path(box.path("tmp/qelstat4")).read_text() == "12.5"
-        record = json.loads(Path(box.path("tmp/qel2ip.args")).read_text())
-        assert record == {"pid": child.pid,
-                          "argv": [program, "-d", "239.0.0.1", "-p", "5000", "-i", "4"]}
+        assert Path(box.path("tmp/qelstat4")).read_bytes() == b"12.5"
+        (run,) = box.qel2ip_runs()
+        assert (run["pid"], run["argv"], run["env"], run["running"]) == (
+            child.pid, [program, "-d", "239.0.0.1", "-p", "5000", "-i", "4"], {}, True)
         child.send_signal(signal.SIGTERM)
         assert child.wait(5) == -signal.SIGTERM
+        assert box.qel2ip_runs()[0]["running"] is False
+        assert [e["event"] for e in box.qel2ip_log()] == ["start"]
     finally:
         child.kill()
+
+
+def test_qel2ip_records_the_environment_it_was_given(box):
+    _, child = start_qel2ip(box, "-d", "239.1.1.1", "-p", "1234", "-i", "0",
+                            env={"ONE": "1", "TWO": "a=b"})
+    try:
+        assert box.qel2ip_runs()[0]["env"] == {"ONE": "1", "TWO": "a=b"}
+        wait_for(lambda: os.path.exists(box.path("tmp/qelstat0")))
+    finally:
+        child.kill()
+        child.wait()
+
+
+def test_qel2ip_ignores_sigterm_on_demand_and_ends_on_sigkill(box):
+    assert control(box, {"cmd": "set_qel2ip", "ignore_sigterm": True}) == {"ok": True}
+    _, child = start_qel2ip(box, "-d", "239.0.0.1", "-p", "5000", "-i", "0")
+    try:
+        child.send_signal(signal.SIGTERM)
+        wait_for(lambda: [e["event"] for e in box.qel2ip_log()] == ["start", "sigterm_ignored"])
+        with pytest.raises(subprocess.TimeoutExpired):
+            child.wait(0.3)
+        child.send_signal(signal.SIGKILL)
+        assert child.wait(5) == -signal.SIGKILL
+    finally:
+        child.kill()
+
+
+def test_stop_ends_the_stand_ins_a_killed_daemon_left_running(make_box):
+    box = make_box()
+    _, child = start_qel2ip(box, "-d", "239.0.0.1", "-p", "5000", "-i", "4")
+    bystander = subprocess.Popen(["sleep", "30"])
+    try:
+        with open(box.path("qel2ip.log"), "a") as log:  # a pid that is not a stand-in
+            log.write(json.dumps({"time": 0, "pid": bystander.pid, "event": "start",
+                                  "argv": [], "env": {}}) + "\n")
+        box.stop()
+        assert child.wait(5) == -signal.SIGKILL
+        assert bystander.poll() is None
+    finally:
+        child.kill()
+        bystander.kill()
+        bystander.wait()
+
+
+def run_qel2ip_to_its_end(box):
+    program = box.path("opt/bin/qel2ip")
+    return subprocess.run([program, "-d", "239.0.0.1", "-p", "5000", "-i", "4"], env={},
+                          timeout=10).returncode
+
+
+def test_qel2ip_writes_the_rate_asked_for_or_none(box):
+    box.configure_qel2ip(rate="12.5\n", exit_status=0)
+    assert run_qel2ip_to_its_end(box) == 0
+    assert Path(box.path("tmp/qelstat4")).read_bytes() == b"12.5\n"
+    os.unlink(box.path("tmp/qelstat4"))
+    assert control(box, {"cmd": "set_qel2ip", "rate": None}) == {"ok": True}
+    assert run_qel2ip_to_its_end(box) == 0
+    assert not os.path.exists(box.path("tmp/qelstat4"))
+    assert box.qel2ip_config() == {"ignore_sigterm": False, "rate": None, "exit_status": 0}
+
+
+def test_qel2ip_ends_by_itself_on_demand(box):
+    assert control(box, {"cmd": "set_qel2ip", "exit_status": 3}) == {"ok": True}
+    program = box.path("opt/bin/qel2ip")
+    done = subprocess.run([program, "-d", "239.0.0.1", "-p", "5000", "-i", "0"], env={},
+                          timeout=10)
+    assert done.returncode == 3
+    assert [(e["event"], e.get("status")) for e in box.qel2ip_log()] == [("start", None),
+                                                                         ("exit", 3)]
+    assert Path(box.path("tmp/qelstat0")).read_bytes() == b"12.5"
+
+
+def test_qel2ip_query_and_statistics_files(box):
+    assert control(box, {"cmd": "set_qelstat", "unit": 4, "text": "7.25"}) == {"ok": True}
+    assert control(box, {"cmd": "set_qelstat", "unit": "0", "text": "x"}) == {"ok": True}
+    assert control(box, {"cmd": "set_qelstat", "unit": "0", "text": None}) == {"ok": True}
+    _, child = start_qel2ip(box, "-d", "239.0.0.1", "-p", "5000", "-i", "1")
+    try:
+        wait_for(lambda: os.path.exists(box.path("tmp/qelstat1")))
+        answer = control(box, {"cmd": "qel2ip"})
+        assert answer["ok"] is True
+        assert answer["config"] == {"ignore_sigterm": False, "rate": "12.5", "exit_status": None}
+        assert answer["stats"] == {"1": "12.5", "4": "7.25"}
+        assert [(r["pid"], r["running"]) for r in answer["runs"]] == [(child.pid, True)]
+        assert [e["event"] for e in answer["log"]] == ["start"]
+    finally:
+        child.kill()
+        child.wait()
+    for bad in ({"ignore_sigterm": 1}, {"rate": 12.5}, {"exit_status": -1}, {"speed": 1}):
+        assert control(box, {"cmd": "set_qel2ip", **bad})["ok"] is False
+    assert control(box, {"cmd": "set_qelstat", "unit": "../x", "text": "1"})["ok"] is False
+    assert box.qel2ip_config()["rate"] == "12.5"
+
+
+# ---------------------------------------------------------------------------------------------
+# The network-settings service
+
+
+GET = b'{"action":"GET","object":"/unified_services/ip/settings","args":{}}'
+FACTORY_INTERFACES = (
+    b'{"result":[{"interface":"eth0","dhcp":"1","address":"192.168.1.100",'
+    b'"netmask":"255.255.255.0","gateway":"192.168.1.1","dns":"192.168.1.1"},'
+    b'{"interface":"eth1","dhcp":"0","address":"10.10.10.10","netmask":"255.255.255.0",'
+    b'"gateway":"10.10.10.1","dns":"10.10.10.1"}]}')
+
+
+def post(*changes):
+    return json.dumps({"action": "POST", "object": "/unified_services/ip/settings",
+                       "args": list(changes)}, separators=(",", ":")).encode()
+
+
+def net_request(box, data, pieces=(), wait=5.0):
+    """As the daemon asks: the request without a terminator and without closing the sending
+    side, then whatever comes until the service closes."""
+    with socket.create_connection((tavisim.LOCALHOST, box.netsettings.port), timeout=wait) as sock:
+        sock.sendall(data)
+        for piece in pieces:
+            time.sleep(0.1)
+            sock.sendall(piece)
+        reply = b""
+        while chunk := sock.recv(4096):
+            reply += chunk
+        return reply
+
+
+@pytest.fixture
+def net_box():
+    """An IP SPTS box with the network-settings service on a port of its own."""
+    box = tavisim.Box(tempfile.mkdtemp(prefix="tv", dir="/tmp"), "ip_spts", netsettings=True,
+                      netsettings_port=free_port())
+    box.start()
+    yield box
+    box.stop()
+    shutil.rmtree(box.root, ignore_errors=True)
+
+
+def test_netsettings_service_is_on_the_boxes_port_only_when_asked_for(tmp_path):
+    assert tavisim.NETSETTINGS_PORT == 49998
+    assert tavisim.Box(str(tmp_path / "a"), netsettings=True).netsettings.port == 49998
+    box = tavisim.Box(str(tmp_path / "b"))
+    assert box.netsettings is None
+    answer = box.control({"cmd": "netsettings"})
+    assert answer["ok"] is False and "--netsettings" in answer["error"]
+
+
+def test_netsettings_get_lists_eth0_and_eth1(net_box):
+    assert tcp_listening(net_box.netsettings.port)
+    assert net_request(net_box, GET) == FACTORY_INTERFACES
+    (exchange,) = control(net_box, {"cmd": "netsettings_log"})["exchanges"]
+    assert (exchange["request"], exchange["reply"], exchange["fault"]) == (
+        GET.decode(), FACTORY_INTERFACES.decode(), None)
+
+
+def test_netsettings_post_changes_what_get_returns(net_box):
+    change = {"address": "192.168.5.20", "dhcp": "0", "interface": "eth1"}
+    assert net_request(net_box, post(change)) == b'{"result":{}}'
+    eth0, eth1 = json.loads(net_request(net_box, GET))["result"]
+    assert eth1 == {"interface": "eth1", "dhcp": "0", "address": "192.168.5.20",
+                    "netmask": "255.255.255.0", "gateway": "10.10.10.1", "dns": "10.10.10.1"}
+    assert eth0["address"] == "192.168.1.100"
+    assert control(net_box, {"cmd": "netsettings"})["netsettings"]["interfaces"][1] == eth1
+
+
+@pytest.mark.parametrize("change, refused", [
+    ({"interface": "eth1", "address": "10.0.0.256", "speed": "100"},
+     {"address": "not an IPv4 address", "speed": "unknown setting"}),
+    ({"interface": "eth1", "dhcp": "yes", "gateway": 10}, {"dhcp": "not 0 or 1",
+                                                         "gateway": "not a text"}),
+    ({"interface": "eth7", "address": "10.0.0.1"}, {"interface": "unknown interface"}),
+    ({"address": "10.0.0.1"}, {"interface": "unknown interface"}),
+])
+def test_netsettings_post_with_a_refused_value_changes_nothing(net_box, change, refused):
+    reply = net_request(net_box, post(change))
+    assert json.loads(reply) == {"result": refused}
+    assert net_request(net_box, GET) == FACTORY_INTERFACES
+
+
+def test_netsettings_post_of_two_interfaces_takes_all_or_nothing(net_box):
+    reply = net_request(net_box, post({"interface": "eth0", "address": "1.2.3.4"},
+                                      {"interface": "eth1", "netmask": "255.0.0"}))
+    assert reply == b'{"result":{"netmask":"not an IPv4 address"}}'
+    assert net_request(net_box, GET) == FACTORY_INTERFACES
+    assert net_request(net_box, post({"interface": "eth0", "address": "1.2.3.4"},
+                                     {"interface": "eth1", "netmask": "255.0.0.0"})) == (
+        b'{"result":{}}')
+    assert [i["address"] for i in net_box.netsettings.interfaces()] == ["1.2.3.4", "10.10.10.10"]
+
+
+@pytest.mark.parametrize("request_text, reply", [
+    (b'{"action":"PUT","object":"/unified_services/ip/settings","args":{}}',
+     b'{"error":"unknown action: \\"PUT\\""}'),
+    (b'{"action":"GET","object":"/unified_services/ip/routes","args":{}}',
+     b'{"error":"unknown object: \\"/unified_services/ip/routes\\""}'),
+    (b'["GET"]', b'{"error":"request is not a JSON object"}'),
+    (b'{"action":"POST","object":"/unified_services/ip/settings","args":{}}',
+     b'{"result":{"args":"not a list of interface settings"}}'),
+    (b'{"action":"GET", "object"', b'{"error":"request is not a JSON object"}'),
+])
+def test_netsettings_answers_what_it_cannot_serve_with_an_error(net_box, request_text, reply):
+    assert net_request(net_box, request_text) == reply
+
+
+def test_netsettings_request_in_pieces_is_answered_once_whole(net_box):
+    assert net_request(net_box, GET[:20], pieces=[GET[20:40], GET[40:]]) == FACTORY_INTERFACES
+    assert control(net_box, {"cmd": "netsettings_log"})["exchanges"][0]["request"] == GET.decode()
+
+
+def test_netsettings_interfaces_can_be_put_in_place(net_box):
+    interfaces = [{"interface": "eth1", "address": "10.1.1.1"}, {"address": "none"}]
+    assert control(net_box, {"cmd": "set_netsettings", "interfaces": interfaces}) == {"ok": True}
+    assert json.loads(net_request(net_box, GET)) == {"result": interfaces}
+    assert json.loads(net_request(net_box, post({"address": "10.2.2.2"}))) == {
+        "result": {"interface": "unknown interface"}}  # the entry without a name stays apart
+    assert control(net_box, {"cmd": "set_netsettings", "interfaces": {"eth1": {}}})["ok"] is False
+    assert control(net_box, {"cmd": "set_netsettings", "interfaces": [1]})["ok"] is False
+
+
+def test_netsettings_down_listens_on_nothing_until_back(net_box):
+    assert control(net_box, {"cmd": "set_netsettings_fault", "fault": "down"}) == {"ok": True}
+    assert not tcp_listening(net_box.netsettings.port)
+    with pytest.raises(ConnectionRefusedError):
+        net_request(net_box, GET)
+    assert control(net_box, {"cmd": "netsettings"})["netsettings"]["listening"] is False
+    assert control(net_box, {"cmd": "set_netsettings_fault", "fault": None}) == {"ok": True}
+    assert net_request(net_box, GET) == FACTORY_INTERFACES
+
+
+def test_netsettings_silent_takes_the_request_and_never_answers(net_box):
+    net_box.netsettings.set_fault("silent")
+    with socket.create_connection((tavisim.LOCALHOST, net_box.netsettings.port)) as sock:
+        sock.sendall(GET)
+        sock.settimeout(1.5)
+        with pytest.raises(socket.timeout):
+            sock.recv(1)
+        (exchange,) = net_box.netsettings.exchanges()
+        assert (exchange["request"], exchange["reply"], exchange["fault"]) == (
+            GET.decode(), None, "silent")
+        started = time.monotonic()
+        net_box.stop()  # ends the connection it holds
+        assert time.monotonic() - started < 2
+        sock.settimeout(2)
+        assert sock.recv(1) == b""
+
+
+def test_netsettings_silent_lets_go_when_the_client_gives_up(net_box):
+    net_box.netsettings.set_fault("silent")
+    with socket.create_connection((tavisim.LOCALHOST, net_box.netsettings.port)) as sock:
+        sock.sendall(GET)
+        wait_for(lambda: net_box.netsettings.exchanges() != [])
+    net_box.netsettings.set_fault(None)
+    assert net_request(net_box, GET) == FACTORY_INTERFACES
+
+
+def test_netsettings_garbage_answers_text_that_is_not_json(net_box):
+    assert control(net_box, {"cmd": "set_netsettings_fault", "fault": "garbage"}) == {"ok": True}
+    reply = net_request(net_box, GET)
+    assert reply == b"<html>not a JSON reply {"
+    with pytest.raises(ValueError):
+        json.loads(reply)
+    assert control(net_box, {"cmd": "set_netsettings_fault", "fault": "garbage",
+                             "garbage": '{"result":'}) == {"ok": True}
+    assert net_request(net_box, post({"interface": "eth1", "dhcp": "1"})) == b'{"result":'
+    assert net_box.netsettings.interfaces()[1]["dhcp"] == "0"  # garbage changes nothing
+
+
+def test_netsettings_refuse_closes_at_once(net_box):
+    net_box.netsettings.set_fault("refuse")
+    started = time.monotonic()
+    try:
+        reply = net_request(net_box, GET)
+    except ConnectionResetError:
+        reply = b""
+    assert reply == b""
+    assert time.monotonic() - started < 0.5
+    (exchange,) = net_box.netsettings.exchanges()
+    assert (exchange["request"], exchange["reply"], exchange["fault"]) == (None, None, "refuse")
+
+
+def test_netsettings_answers_can_be_held_back(net_box):
+    assert control(net_box, {"cmd": "set_netsettings_fault", "fault": None, "delay_ms": 600}) == {
+        "ok": True}
+    started = time.monotonic()
+    assert net_request(net_box, GET) == FACTORY_INTERFACES
+    assert time.monotonic() - started >= 0.6
+    assert control(net_box, {"cmd": "netsettings"})["netsettings"]["delay_ms"] == 600
+
+
+def test_netsettings_fault_commands_refuse_bad_arguments(net_box):
+    for bad in ({"fault": "slow"}, {"fault": None, "delay_ms": -5}, {"fault": "garbage",
+                                                                      "garbage": 7}, {}):
+        assert control(net_box, {"cmd": "set_netsettings_fault", **bad})["ok"] is False
+    assert control(net_box, {"cmd": "netsettings"})["netsettings"]["fault"] is None
+    assert control(net_box, {"cmd": "clear_netsettings_log"}) == {"ok": True}
+    assert control(net_box, {"cmd": "netsettings_log"}) == {"ok": True, "exchanges": []}
+
+
+def test_netsettings_port_taken_fails_the_start_and_leaves_nothing_open(tmp_path):
+    with socket.create_server((tavisim.LOCALHOST, 0)) as taken:
+        port = taken.getsockname()[1]
+        box = tavisim.Box(str(tmp_path), netsettings=True, netsettings_port=port)
+        with pytest.raises(OSError, match=f"network-settings port 127.0.0.1:{port} is taken"):
+            box.start()
+        assert not os.path.exists(box.bus_path)
+        assert not os.path.exists(box.control_path)
+
+
+def test_netsettings_back_from_down_on_a_taken_port_fails(net_box):
+    net_box.netsettings.set_fault("down")
+    with socket.create_server((tavisim.LOCALHOST, net_box.netsettings.port)):
+        answer = control(net_box, {"cmd": "set_netsettings_fault", "fault": None})
+        assert answer["ok"] is False and "is taken" in answer["error"]
+    assert net_box.netsettings.state()["fault"] == "down"
+
+
+def test_program_serves_the_netsettings_service_when_asked_for(tmp_path_factory):
+    root = str(tmp_path_factory.mktemp("tv"))
+    port = free_port()
+    sim = subprocess.Popen([sys.executable, str(SIM), "--root", root, "--netsettings",
+                            "--netsettings-port", str(port)], stdout=subprocess.PIPE, text=True)
+    try:
+        assert sim.stdout.readline() == (
+            f"tavisim: box root {root} (mode rf), bus at {root}/dev/i2c-0, "
+            f"network settings at 127.0.0.1:{port}\n")
+        query = [sys.executable, str(SIM), "--root", root, "--query"]
+        done = subprocess.run(query + ["netsettings"], capture_output=True, text=True, timeout=10)
+        state = json.loads(done.stdout)["netsettings"]
+        assert (done.returncode, state["port"], state["listening"]) == (0, port, True)
+        done = subprocess.run(query + ['{"cmd":"set_netsettings_fault","fault":"down"}'],
+                              capture_output=True, text=True, timeout=10)
+        assert (done.returncode, tcp_listening(port)) == (0, False)
+        with socket.create_server((tavisim.LOCALHOST, port)):
+            second = subprocess.run([sys.executable, str(SIM), "--root", root + "2",
+                                     "--netsettings", "--netsettings-port", str(port)],
+                                    capture_output=True, text=True, timeout=10)
+        assert second.returncode == 2
+        assert second.stderr == (f"tavisim: [Errno 98] the network-settings port 127.0.0.1:{port} "
+                                 f"is taken; only one box at a time can serve it (--netsettings)\n")
+        sim.send_signal(signal.SIGTERM)
+        assert sim.wait(5) == 0
+    finally:
+        sim.kill()
+        sim.stdout.close()
 
 
 # ---------------------------------------------------------------------------------------------

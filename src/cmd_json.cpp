@@ -91,25 +91,18 @@ cmd_json_err_t cmd_json_tag(json_t* value, const char* id_key, const char* id) {
     size_t i;
     json_t* element;
     json_array_foreach(value, i, element) {
-      if (json_is_object(element) && json_object_set_new(element, id_key, json_string(id)) != 0) {
-        DBG_WRN_AT("cmd_json_handler", "JSON error");
-        return CMD_JSON_ERR;
-      }
+      if (json_is_object(element) && json_object_set_new(element, id_key, json_string(id)) != 0)
+        return cmd_json_value_error("cmd_json_handler");
     }
     return CMD_JSON_OK;
   }
-  if (json_object_set_new(value, id_key, json_string(id)) != 0) {
-    DBG_WRN_AT("cmd_json_handler", "JSON error");
-    return CMD_JSON_ERR;
-  }
+  if (json_object_set_new(value, id_key, json_string(id)) != 0)
+    return cmd_json_value_error("cmd_json_handler");
   return CMD_JSON_OK;
 }
 
 cmd_json_err_t cmd_json_reply_set(json_t* reply, const char* key, json_t* value) {
-  if (json_object_set_new(reply, key, value) != 0) {
-    DBG_WRN_AT("cmd_json_handler", "JSON error");
-    return CMD_JSON_ERR;
-  }
+  if (json_object_set_new(reply, key, value) != 0) return cmd_json_value_error("cmd_json_handler");
   return CMD_JSON_OK;
 }
 
@@ -133,10 +126,7 @@ cmd_json_err_t cmd_json_get_one(json_t* reply, const cmd_json_object_t* row, hal
 
 cmd_json_err_t cmd_json_append(json_t* results, json_t* value) {
   int rc = json_is_array(value) ? json_array_extend(results, value) : json_array_append(results, value);
-  if (rc != 0) {
-    DBG_WRN_AT("cmd_json_handler", "JSON error");
-    return CMD_JSON_ERR;
-  }
+  if (rc != 0) return cmd_json_value_error("cmd_json_handler");
   return CMD_JSON_OK;
 }
 
@@ -144,10 +134,7 @@ cmd_json_err_t cmd_json_append(json_t* results, json_t* value) {
  * error stands only when no instance answered. */
 cmd_json_err_t cmd_json_get_all(json_t* reply, const cmd_json_object_t* row, cmd_json_err_t err) {
   json_ptr results(json_array());
-  if (!results) {
-    DBG_WRN_AT("cmd_json_handler", "JSON error");
-    return CMD_JSON_ERR;
-  }
+  if (!results) return cmd_json_value_error("cmd_json_handler");
   for (uint32_t n = 0; n < hal_object_count_by_type(row->hal_type); n++) {
     hal_object_t* object = hal_object_by_type(row->hal_type, n);
     if (object == NULL) continue;
@@ -268,10 +255,7 @@ cmd_json_err_t cmd_json_get_hal_object(hal_object_t** out, const cmd_json_object
 
 char* cmd_json_handler(char* s_cmd) {
   json_ptr reply(json_object());
-  if (!reply) {
-    DBG_WRN("JSON error");
-    return cmd_json_reply_text(NULL, CMD_JSON_ERR);
-  }
+  if (!reply) return cmd_json_reply_text(NULL, cmd_json_value_error(__func__));
   json_error_t error;
   json_ptr request(json_loads(s_cmd, JSON_DISABLE_EOF_CHECK, &error));
   cmd_json_err_t err =
@@ -295,10 +279,7 @@ cmd_json_err_t cmd_json_set_args(hal_object_t* object, const cmd_json_arg_t* arg
 
 cmd_json_err_t cmd_json_get_args(hal_object_t* object, const cmd_json_arg_t* args, json_t** j_args) {
   *j_args = json_object();
-  if (*j_args == NULL) {
-    DBG_WRN("JSON error");
-    return CMD_JSON_ERR;
-  }
+  if (*j_args == NULL) return cmd_json_value_error(__func__);
   for (const cmd_json_arg_t* arg = args; arg->name != NULL; arg++) {
     if (arg->get == NULL) continue;
     cmd_json_s_arg = arg->name;
@@ -306,10 +287,7 @@ cmd_json_err_t cmd_json_get_args(hal_object_t* object, const cmd_json_arg_t* arg
     cmd_json_err_t err = arg->get(object, &raw);
     json_ptr value(raw);
     if (err != CMD_JSON_OK) return err;
-    if (json_object_set(*j_args, arg->name, value.get()) != 0) {
-      DBG_WRN("JSON error");
-      return CMD_JSON_ERR;
-    }
+    if (json_object_set(*j_args, arg->name, value.get()) != 0) return cmd_json_value_error(__func__);
   }
   return CMD_JSON_OK;
 }
@@ -401,6 +379,48 @@ json_t* cmd_json_jerror(cmd_json_err_t err) {
   }
   snprintf(description, sizeof(description), "JSON command unsuccessful (error: %d)", static_cast<int>(err));
   return cmd_json_pack_jerror(0, description);
+}
+
+cmd_json_err_t cmd_json_value_error(const char* func) {
+  DBG_WRN_AT(func, "JSON error");
+  return CMD_JSON_ERR;
+}
+
+cmd_json_err_t cmd_json_text(const char* func, const char* text, json_t** j_val) {
+  *j_val = json_string(text);
+  return *j_val != NULL ? CMD_JSON_OK : cmd_json_value_error(func);
+}
+
+cmd_json_decimal_t cmd_json_decimal(uint32_t value) {
+  cmd_json_decimal_t decimal;
+  snprintf(decimal.text, sizeof(decimal.text), "%u", value);
+  return decimal;
+}
+
+cmd_json_decimal_t cmd_json_decimal(int32_t value) {
+  cmd_json_decimal_t decimal;
+  snprintf(decimal.text, sizeof(decimal.text), "%d", value);
+  return decimal;
+}
+
+cmd_json_err_t cmd_json_number(const char* func, uint32_t value, json_t** j_val) {
+  return cmd_json_text(func, cmd_json_decimal(value).text, j_val);
+}
+
+cmd_json_err_t cmd_json_number(const char* func, int32_t value, json_t** j_val) {
+  return cmd_json_text(func, cmd_json_decimal(value).text, j_val);
+}
+
+cmd_json_err_t cmd_json_text_object(const char* func, std::initializer_list<cmd_json_member_t> members,
+                                    json_t** j_val) {
+  json_ptr result(json_object());
+  if (!result) return cmd_json_value_error(func);
+  for (const cmd_json_member_t& member : members) {
+    if (json_object_set_new(result.get(), member.key, json_string(member.text)) != 0)
+      return cmd_json_value_error(func);
+  }
+  *j_val = result.release();
+  return CMD_JSON_OK;
 }
 
 /* Settings persistence: one compact "set" request per stored instance, each followed by "\n\r". */

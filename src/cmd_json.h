@@ -4,6 +4,7 @@
 #include <jansson.h>
 #include <stdint.h>
 
+#include <initializer_list>
 #include <memory>
 
 #include "hal.h"
@@ -83,6 +84,85 @@ const cmd_json_object_t* cmd_json_object_by_name(const char* name);
 cmd_json_err_t cmd_json_get_hal_object(hal_object_t** out, const cmd_json_object_t* row, json_t* j_args,
                                        uint32_t* object_id);
 json_t* cmd_json_jerror(cmd_json_err_t err);
+
+/* The value helpers of the object modules. `func` is the handler the "JSON error" warning names,
+ * so that a line names the function a reader knows rather than a helper of it. */
+cmd_json_err_t cmd_json_value_error(const char* func);
+/* A new JSON string of `text`. */
+cmd_json_err_t cmd_json_text(const char* func, const char* text, json_t** j_val);
+
+/* Numbers travel as decimal text, never as JSON numbers: unsigned ones as "%u", signed ones as
+ * "%d". Narrower types are cast by the caller, which chooses the format: a promoted uint8_t
+ * would otherwise print as signed. */
+#define CMD_JSON_DECIMAL_LEN 64
+typedef struct cmd_json_decimal_t {
+  char text[CMD_JSON_DECIMAL_LEN];
+} cmd_json_decimal_t;
+cmd_json_decimal_t cmd_json_decimal(uint32_t value);
+cmd_json_decimal_t cmd_json_decimal(int32_t value);
+template <typename T>
+cmd_json_decimal_t cmd_json_decimal(T value) = delete;
+cmd_json_err_t cmd_json_number(const char* func, uint32_t value, json_t** j_val);
+cmd_json_err_t cmd_json_number(const char* func, int32_t value, json_t** j_val);
+template <typename T>
+cmd_json_err_t cmd_json_number(const char* func, T value, json_t** j_val) = delete;
+
+/* A new object of text members, in the order given. */
+typedef struct cmd_json_member_t {
+  const char* key;
+  const char* text;
+} cmd_json_member_t;
+cmd_json_err_t cmd_json_text_object(const char* func, std::initializer_list<cmd_json_member_t> members,
+                                    json_t** j_val);
+
+/* cmd_json_strargtou32 or cmd_json_strargtoi32, as the number is signed or not. */
+inline cmd_json_err_t cmd_json_strargtonum(uint32_t* value, const char* s_arg, json_t* j_args) {
+  return cmd_json_strargtou32(value, s_arg, j_args);
+}
+inline cmd_json_err_t cmd_json_strargtonum(int32_t* value, const char* s_arg, json_t* j_args) {
+  return cmd_json_strargtoi32(value, s_arg, j_args);
+}
+
+/* A key the request must carry: its absence is a JSON error, and its value must be a number. */
+template <typename Number>
+cmd_json_err_t cmd_json_required(const char* func, Number* value, const char* key, json_t* j_args) {
+  if (json_object_get(j_args, key) == NULL) return cmd_json_value_error(func);
+  return cmd_json_strargtonum(value, key, j_args);
+}
+
+/* The set handler `set` and the get handler `get` of an object whose arguments are the rows of
+ * `table`. */
+#define CMD_JSON_TABLE_SET(set, table) \
+  cmd_json_err_t set(hal_object_t* object, json_t* j_val) { return cmd_json_set_args(object, table, j_val); }
+#define CMD_JSON_TABLE_GET(get, table) \
+  cmd_json_err_t get(hal_object_t* object, json_t** j_val) { return cmd_json_get_args(object, table, j_val); }
+#define CMD_JSON_TABLE_HANDLERS(set, get, table) CMD_JSON_TABLE_SET(set, table) CMD_JSON_TABLE_GET(get, table)
+
+/* How every object that offers a TS (its `tsout`: the HDMI inputs and the outputs) hands it to the
+ * TS handlers: a set needs an object of arguments, and an object without a TS takes and gives
+ * nothing, successfully. */
+template <typename T, cmd_json_put_t handler>
+cmd_json_err_t cmd_json_set_tsout(hal_object_t* object, json_t* j_val) {
+  if (!json_is_object(j_val)) return CMD_JSON_ARG_FRMT_ERR;
+  auto* tsout = reinterpret_cast<T*>(object)->tsout;
+  return tsout != NULL ? handler(&tsout->hal_object, j_val) : CMD_JSON_OK;
+}
+
+template <typename T, cmd_json_take_t handler>
+cmd_json_err_t cmd_json_get_tsout(hal_object_t* object, json_t** j_val) {
+  auto* tsout = reinterpret_cast<T*>(object)->tsout;
+  return tsout != NULL ? handler(&tsout->hal_object, j_val) : CMD_JSON_OK;
+}
+
+/* The set handler `set` and the get handler `get` of the TS of an object of type `T`, over the TS
+ * handlers `ts_set` and `ts_get`. */
+#define CMD_JSON_TSOUT_HANDLERS(T, set, get, ts_set, ts_get) \
+  cmd_json_err_t set(hal_object_t* object, json_t* j_val) {  \
+    return cmd_json_set_tsout<T, ts_set>(object, j_val);     \
+  }                                                          \
+  cmd_json_err_t get(hal_object_t* object, json_t** j_val) { \
+    return cmd_json_get_tsout<T, ts_get>(object, j_val);     \
+  }
 
 /* The settings file and the reset levels: execute handlers of their rows. */
 cmd_json_err_t cmd_store_settings(hal_object_t* hal_object, json_t* j_val);

@@ -1,12 +1,8 @@
 #include "cmd_json_device.h"
 
-#include <stdio.h>
 #include <string.h>
 
-#include "dbg.h"
 #include "hal_device.h"
-
-#define CMD_JSON_DEVICE_TEMPERATURE_LEN 20
 
 namespace {
 
@@ -24,20 +20,11 @@ const cmd_json_device_mode_t cmd_json_device_modes[] = {
 
 hal_device_t* cmd_json_device(hal_object_t* object) { return reinterpret_cast<hal_device_t*>(object); }
 
-cmd_json_err_t cmd_json_device_string(const char* func, const char* text, json_t** j_val) {
-  *j_val = json_string(text);
-  if (*j_val != NULL) return CMD_JSON_OK;
-  DBG_WRN_AT(func, "JSON error");
-  return CMD_JSON_ERR;
-}
-
 /* Millidegrees are cut, not rounded, to whole degrees: 45999 is 45. */
 cmd_json_err_t cmd_json_device_get_temperature(hal_object_t* object, json_t** j_val) {
   hal_device_t* device = cmd_json_device(object);
   if (hal_device_update_temperature(device) != HAL_OK) return cmd_json_translate_hal_err(object->err);
-  char text[CMD_JSON_DEVICE_TEMPERATURE_LEN];
-  snprintf(text, sizeof(text), "%d", static_cast<int>(device->status.temperature / 1000u));
-  return cmd_json_device_string(__func__, text, j_val);
+  return cmd_json_number(__func__, static_cast<int32_t>(device->status.temperature / 1000u), j_val);
 }
 
 cmd_json_err_t cmd_json_device_set_output_mode(hal_object_t* object, json_t* j_val) {
@@ -55,7 +42,7 @@ cmd_json_err_t cmd_json_device_get_output_mode(hal_object_t* object, json_t** j_
   if (hal_device_get_output_mode(cmd_json_device(object), &output_mode) != HAL_OK)
     return cmd_json_translate_hal_err(object->err);
   for (const cmd_json_device_mode_t& mode : cmd_json_device_modes) {
-    if (mode.mode == output_mode) return cmd_json_device_string(__func__, mode.name, j_val);
+    if (mode.mode == output_mode) return cmd_json_text(__func__, mode.name, j_val);
   }
   return CMD_JSON_ARG_OOB;
 }
@@ -72,14 +59,5 @@ const cmd_json_arg_t cmd_json_device_args[] = {
     {NULL, NULL, NULL, 0},
 };
 
-cmd_json_err_t cmd_json_get_device_status(hal_object_t* hal_object, json_t** j_val) {
-  return cmd_json_get_args(hal_object, cmd_json_device_status_args, j_val);
-}
-
-cmd_json_err_t cmd_json_get_device(hal_object_t* hal_object, json_t** j_val) {
-  return cmd_json_get_args(hal_object, cmd_json_device_args, j_val);
-}
-
-cmd_json_err_t cmd_json_execute_device(hal_object_t* hal_object, json_t* j_val) {
-  return cmd_json_set_args(hal_object, cmd_json_device_args, j_val);
-}
+CMD_JSON_TABLE_GET(cmd_json_get_device_status, cmd_json_device_status_args)
+CMD_JSON_TABLE_HANDLERS(cmd_json_execute_device, cmd_json_get_device, cmd_json_device_args)

@@ -2,7 +2,6 @@
 #define CMD_JSON_INPUT_HDMI_H
 
 #include "cmd_json.h"
-#include "hal_ts.h"
 
 /* "input_hdmi": "video_gopsize", then "ts" with its whole tree; "input_hdmi_enc": "video_gopsize"
  * alone. Each table ends with an empty row. */
@@ -25,21 +24,5 @@ cmd_json_err_t cmd_json_get_input_hdmi_status(hal_object_t* object, json_t** j_v
 /* Set takes "state" and "code"; get reports the state of code 50 whatever was set. */
 cmd_json_err_t cmd_json_set_input_hdmi_hw_debug_code(hal_object_t* object, json_t* j_val);
 cmd_json_err_t cmd_json_get_input_hdmi_hw_debug_code(hal_object_t* object, json_t** j_val);
-
-/* How every object that offers a TS (its `tsout`: the HDMI inputs and the outputs) hands it to the
- * TS handlers: a set needs an object of arguments, and an object without a TS takes and gives
- * nothing, successfully. */
-template <typename T, cmd_json_put_t handler>
-cmd_json_err_t cmd_json_set_tsout(hal_object_t* object, json_t* j_val) {
-  if (!json_is_object(j_val)) return CMD_JSON_ARG_FRMT_ERR;
-  hal_ts_t* tsout = reinterpret_cast<T*>(object)->tsout;
-  return tsout != NULL ? handler(&tsout->hal_object, j_val) : CMD_JSON_OK;
-}
-
-template <typename T, cmd_json_take_t handler>
-cmd_json_err_t cmd_json_get_tsout(hal_object_t* object, json_t** j_val) {
-  hal_ts_t* tsout = reinterpret_cast<T*>(object)->tsout;
-  return tsout != NULL ? handler(&tsout->hal_object, j_val) : CMD_JSON_OK;
-}
 
 #endif

@@ -1,7 +1,6 @@
 #include "cmd_json_output_ip.h"
 
 #include <poll.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -15,7 +14,6 @@
 #include "hal_output_ip.h"
 #include "inet.h"
 
-#define CMD_JSON_OUTPUT_IP_VALUE_LEN 64
 /* O_NONBLOCK once connected; the low bit is an access-mode bit that setting the status flags
  * ignores. */
 #define CMD_JSON_IFCONFIG_SOCK_FLAGS 0x801
@@ -32,16 +30,6 @@ hal_output_ip_t* cmd_json_output_ip(hal_object_t* object) {
   return reinterpret_cast<hal_output_ip_t*>(object);
 }
 
-cmd_json_err_t cmd_json_output_ip_json_error(const char* func) {
-  DBG_WRN_AT(func, "JSON error");
-  return CMD_JSON_ERR;
-}
-
-cmd_json_err_t cmd_json_output_ip_string(const char* func, const char* text, json_t** j_val) {
-  *j_val = json_string(text);
-  return *j_val != NULL ? CMD_JSON_OK : cmd_json_output_ip_json_error(func);
-}
-
 /* Whether the text is an address or a port is the HAL's to judge. */
 cmd_json_err_t cmd_json_output_ip_set_text(hal_err_t (*setter)(hal_output_ip_t*, const char*),
                                            hal_object_t* object, json_t* j_val) {
@@ -55,7 +43,7 @@ cmd_json_err_t cmd_json_output_ip_get_text(hal_err_t (*getter)(hal_output_ip_t*,
   char text[Size] = "";
   hal_err_t err = getter(cmd_json_output_ip(object), text, sizeof(text));
   if (err != HAL_OK) return cmd_json_translate_hal_err(err);
-  return cmd_json_output_ip_string(func, text, j_val);
+  return cmd_json_text(func, text, j_val);
 }
 
 /* cmd_json_output_ip_set_<field> and cmd_json_output_ip_get_<field> over the HAL's text
@@ -75,33 +63,11 @@ cmd_json_err_t cmd_json_output_ip_get_bitrate(hal_object_t* object, json_t** j_v
   uint32_t bitrate_kbps = 0;
   hal_err_t err = hal_output_ip_get_bitrate(cmd_json_output_ip(object), &bitrate_kbps);
   if (err != HAL_OK) return cmd_json_translate_hal_err(err);
-  char text[CMD_JSON_OUTPUT_IP_VALUE_LEN];
-  snprintf(text, sizeof(text), "%u", bitrate_kbps);
-  return cmd_json_output_ip_string(__func__, text, j_val);
+  return cmd_json_number(__func__, bitrate_kbps, j_val);
 }
 
-/* The TS handlers of the shared module, on the output's tsout. An output without one accepts
- * and produces nothing. */
-template <cmd_json_put_t Handler>
-cmd_json_err_t cmd_json_output_ip_put_ts(hal_object_t* object, json_t* j_val) {
-  if (!json_is_object(j_val)) return CMD_JSON_ARG_FRMT_ERR;
-  hal_ts_t* tsout = cmd_json_output_ip(object)->tsout;
-  return tsout != NULL ? Handler(&tsout->hal_object, j_val) : CMD_JSON_OK;
-}
-
-template <cmd_json_take_t Handler>
-cmd_json_err_t cmd_json_output_ip_take_ts(hal_object_t* object, json_t** j_val) {
-  hal_ts_t* tsout = cmd_json_output_ip(object)->tsout;
-  return tsout != NULL ? Handler(&tsout->hal_object, j_val) : CMD_JSON_OK;
-}
-
-cmd_json_err_t cmd_json_output_ip_set_ts_ext(hal_object_t* object, json_t* j_val) {
-  return cmd_json_output_ip_put_ts<cmd_json_set_ts_ext>(object, j_val);
-}
-
-cmd_json_err_t cmd_json_output_ip_get_ts_ext(hal_object_t* object, json_t** j_val) {
-  return cmd_json_output_ip_take_ts<cmd_json_get_ts_ext>(object, j_val);
-}
+CMD_JSON_TSOUT_HANDLERS(hal_output_ip_t, cmd_json_output_ip_set_ts_ext, cmd_json_output_ip_get_ts_ext,
+                        cmd_json_set_ts_ext, cmd_json_get_ts_ext)
 
 }  // namespace
 
@@ -123,41 +89,13 @@ const cmd_json_arg_t cmd_json_output_ip_status_args[] = {
     {NULL, NULL, NULL, 0},
 };
 
-cmd_json_err_t cmd_json_set_output_ip_ext(hal_object_t* hal_object, json_t* j_val) {
-  return cmd_json_set_args(hal_object, cmd_json_output_ip_ext_args, j_val);
-}
-
-cmd_json_err_t cmd_json_get_output_ip_ext(hal_object_t* hal_object, json_t** j_val) {
-  return cmd_json_get_args(hal_object, cmd_json_output_ip_ext_args, j_val);
-}
-
-cmd_json_err_t cmd_json_set_output_ip_dst(hal_object_t* hal_object, json_t* j_val) {
-  return cmd_json_set_args(hal_object, cmd_json_output_ip_dst_args, j_val);
-}
-
-cmd_json_err_t cmd_json_get_output_ip_dst(hal_object_t* hal_object, json_t** j_val) {
-  return cmd_json_get_args(hal_object, cmd_json_output_ip_dst_args, j_val);
-}
-
-cmd_json_err_t cmd_json_set_output_ip_ts(hal_object_t* hal_object, json_t* j_val) {
-  return cmd_json_output_ip_put_ts<cmd_json_set_ts>(hal_object, j_val);
-}
-
-cmd_json_err_t cmd_json_get_output_ip_ts(hal_object_t* hal_object, json_t** j_val) {
-  return cmd_json_output_ip_take_ts<cmd_json_get_ts>(hal_object, j_val);
-}
-
-cmd_json_err_t cmd_json_set_output_ip_service(hal_object_t* hal_object, json_t* j_val) {
-  return cmd_json_output_ip_put_ts<cmd_json_ts_set_service>(hal_object, j_val);
-}
-
-cmd_json_err_t cmd_json_get_output_ip_services(hal_object_t* hal_object, json_t** j_val) {
-  return cmd_json_output_ip_take_ts<cmd_json_ts_get_services>(hal_object, j_val);
-}
-
-cmd_json_err_t cmd_json_get_output_ip_status(hal_object_t* hal_object, json_t** j_val) {
-  return cmd_json_get_args(hal_object, cmd_json_output_ip_status_args, j_val);
-}
+CMD_JSON_TABLE_HANDLERS(cmd_json_set_output_ip_ext, cmd_json_get_output_ip_ext, cmd_json_output_ip_ext_args)
+CMD_JSON_TABLE_HANDLERS(cmd_json_set_output_ip_dst, cmd_json_get_output_ip_dst, cmd_json_output_ip_dst_args)
+CMD_JSON_TSOUT_HANDLERS(hal_output_ip_t, cmd_json_set_output_ip_ts, cmd_json_get_output_ip_ts,
+                        cmd_json_set_ts, cmd_json_get_ts)
+CMD_JSON_TSOUT_HANDLERS(hal_output_ip_t, cmd_json_set_output_ip_service, cmd_json_get_output_ip_services,
+                        cmd_json_ts_set_service, cmd_json_ts_get_services)
+CMD_JSON_TABLE_GET(cmd_json_get_output_ip_status, cmd_json_output_ip_status_args)
 
 /* ---- the network-settings service ---- */
 
@@ -185,7 +123,7 @@ cmd_json_err_t cmd_json_ifconfig_read(const char* func, int sock, json_ptr* repl
   }
   json_error_t error;
   reply->reset(json_loads(text, JSON_DISABLE_EOF_CHECK, &error));
-  return *reply ? CMD_JSON_OK : cmd_json_output_ip_json_error(func);
+  return *reply ? CMD_JSON_OK : cmd_json_value_error(func);
 }
 
 /* A service that does not answer in time leaves `reply` empty without failing: a slow service
@@ -274,7 +212,7 @@ cmd_json_err_t cmd_json_get_output_ip_ifconfig(hal_object_t*, json_t** j_val) {
 
 cmd_json_err_t cmd_json_set_output_ip_ifconfig(hal_object_t*, json_t* j_val) {
   text_ptr request = cmd_json_ifconfig_post(j_val);
-  if (!request) return cmd_json_output_ip_json_error(__func__);
+  if (!request) return cmd_json_value_error(__func__);
   json_ptr reply;
   cmd_json_err_t err = cmd_json_ifconfig_exchange(__func__, request.get(), &reply);
   if (err != CMD_JSON_OK || !reply) return err;

@@ -1,17 +1,10 @@
 #include "cmd_json_output_rf.h"
 
-#include <stdio.h>
 #include <string.h>
 
-#include <initializer_list>
-
-#include "cmd_json_input_hdmi.h"
 #include "cmd_json_ts.h"
 #include "dbg.h"
 #include "hal_output_rf.h"
-
-#define CMD_JSON_OUTPUT_RF_VALUE_LEN 64
-#define CMD_JSON_OUTPUT_RF_CAL_LEN 10
 
 namespace {
 
@@ -71,54 +64,12 @@ constexpr cmd_json_output_rf_word_t<hal_syncframe_t> cmd_json_output_rf_syncfram
 
 hal_output_rf_t* cmd_json_rf(hal_object_t* object) { return reinterpret_cast<hal_output_rf_t*>(object); }
 
-cmd_json_err_t cmd_json_output_rf_json_error(const char* func) {
-  DBG_WRN_AT(func, "JSON error");
-  return CMD_JSON_ERR;
-}
-
-cmd_json_err_t cmd_json_output_rf_string(const char* func, const char* text, json_t** j_val) {
-  *j_val = json_string(text);
-  return *j_val != NULL ? CMD_JSON_OK : cmd_json_output_rf_json_error(func);
-}
-
-struct cmd_json_output_rf_member_t {
-  const char* key;
-  const char* text;
-};
-
-/* A new object of text members, in the order given. */
-cmd_json_err_t cmd_json_output_rf_object(const char* func,
-                                         std::initializer_list<cmd_json_output_rf_member_t> members,
-                                         json_t** j_val) {
-  json_ptr result(json_object());
-  if (!result) return cmd_json_output_rf_json_error(func);
-  for (const cmd_json_output_rf_member_t& member : members) {
-    if (json_object_set_new(result.get(), member.key, json_string(member.text)) != 0)
-      return cmd_json_output_rf_json_error(func);
-  }
-  *j_val = result.release();
-  return CMD_JSON_OK;
-}
-
-/* Numbers are read, and written back, signed or unsigned as their key is. */
-cmd_json_err_t cmd_json_output_rf_parse(uint32_t* value, const char* key, json_t* j_val) {
-  return cmd_json_strargtou32(value, key, j_val);
-}
-
-cmd_json_err_t cmd_json_output_rf_parse(int32_t* value, const char* key, json_t* j_val) {
-  return cmd_json_strargtoi32(value, key, j_val);
-}
-
-void cmd_json_output_rf_print(char* text, size_t size, uint32_t value) { snprintf(text, size, "%u", value); }
-
-void cmd_json_output_rf_print(char* text, size_t size, int32_t value) { snprintf(text, size, "%d", value); }
-
 /* The number is cut to the field's width: limits belong to the modulator. */
 template <typename Number, typename Field>
 cmd_json_err_t cmd_json_output_rf_set_number(hal_err_t (*setter)(hal_output_rf_t*, Field),
                                              hal_object_t* object, json_t* j_val) {
   Number value = 0;
-  cmd_json_err_t err = cmd_json_output_rf_parse(&value, NULL, j_val);
+  cmd_json_err_t err = cmd_json_strargtonum(&value, NULL, j_val);
   if (err != CMD_JSON_OK) return err;
   return cmd_json_translate_hal_err(setter(cmd_json_rf(object), static_cast<Field>(value)));
 }
@@ -128,9 +79,7 @@ cmd_json_err_t cmd_json_output_rf_get_number(hal_err_t (*getter)(hal_output_rf_t
                                              hal_object_t* object, json_t** j_val) {
   Field value{};
   if (getter(cmd_json_rf(object), &value) != HAL_OK) return CMD_JSON_UNSUCCESSFUL;
-  char text[CMD_JSON_OUTPUT_RF_VALUE_LEN];
-  cmd_json_output_rf_print(text, sizeof(text), static_cast<Number>(value));
-  return cmd_json_output_rf_string(func, text, j_val);
+  return cmd_json_number(func, static_cast<Number>(value), j_val);
 }
 
 template <typename E, size_t N>
@@ -152,17 +101,9 @@ cmd_json_err_t cmd_json_output_rf_get_word(hal_err_t (*getter)(hal_output_rf_t*,
   E value{};
   if (getter(cmd_json_rf(object), &value) != HAL_OK) return CMD_JSON_UNSUCCESSFUL;
   for (const cmd_json_output_rf_word_t<E>& word : words) {
-    if (word.value == value) return cmd_json_output_rf_string(func, word.text, j_val);
+    if (word.value == value) return cmd_json_text(func, word.text, j_val);
   }
   return CMD_JSON_ARG_OOB;
-}
-
-/* A calibration key the request must carry: its absence is a JSON error, and its value must be
- * a number. */
-template <typename Number>
-cmd_json_err_t cmd_json_output_rf_required(const char* func, Number* value, const char* key, json_t* j_args) {
-  if (json_object_get(j_args, key) == NULL) return cmd_json_output_rf_json_error(func);
-  return cmd_json_output_rf_parse(value, key, j_args);
 }
 
 /* cmd_json_output_rf_set_<field> and cmd_json_output_rf_get_<field> over hal_output_rf_set_<field>
@@ -197,27 +138,15 @@ CMD_JSON_OUTPUT_RF_WORD(interleave, cmd_json_output_rf_interleaves)
 CMD_JSON_OUTPUT_RF_WORD(syncframe, cmd_json_output_rf_syncframes)
 CMD_JSON_OUTPUT_RF_NUMBER(enable, int32_t)
 
+CMD_JSON_TSOUT_HANDLERS(hal_output_rf_t, cmd_json_output_rf_set_ts_ext, cmd_json_output_rf_get_ts_ext,
+                        cmd_json_set_ts_ext, cmd_json_get_ts_ext)
+
 }  // namespace
 
-/* The set handler `set` and the get handler `get` of the output's TS, over the TS handlers
- * `ts_set` and `ts_get`. */
-#define CMD_JSON_OUTPUT_RF_TSOUT(set, get, ts_set, ts_get)             \
-  cmd_json_err_t set(hal_object_t* object, json_t* j_val) {            \
-    return cmd_json_set_tsout<hal_output_rf_t, ts_set>(object, j_val); \
-  }                                                                    \
-  cmd_json_err_t get(hal_object_t* object, json_t** j_val) {           \
-    return cmd_json_get_tsout<hal_output_rf_t, ts_get>(object, j_val); \
-  }
-
-namespace {
-CMD_JSON_OUTPUT_RF_TSOUT(cmd_json_output_rf_set_ts_ext, cmd_json_output_rf_get_ts_ext, cmd_json_set_ts_ext,
-                         cmd_json_get_ts_ext)
-}  // namespace
-
-CMD_JSON_OUTPUT_RF_TSOUT(cmd_json_set_output_rf_ts, cmd_json_get_output_rf_ts, cmd_json_set_ts,
-                         cmd_json_get_ts)
-CMD_JSON_OUTPUT_RF_TSOUT(cmd_json_set_output_rf_service, cmd_json_get_output_rf_services,
-                         cmd_json_ts_set_service, cmd_json_ts_get_services)
+CMD_JSON_TSOUT_HANDLERS(hal_output_rf_t, cmd_json_set_output_rf_ts, cmd_json_get_output_rf_ts,
+                        cmd_json_set_ts, cmd_json_get_ts)
+CMD_JSON_TSOUT_HANDLERS(hal_output_rf_t, cmd_json_set_output_rf_service, cmd_json_get_output_rf_services,
+                        cmd_json_ts_set_service, cmd_json_ts_get_services)
 
 /* The modulation rows both tables share. */
 // clang-format off
@@ -245,36 +174,21 @@ const cmd_json_arg_t cmd_json_output_rf_ext_args[] = {
 
 const cmd_json_arg_t cmd_json_output_rf_mod_args[] = {CMD_JSON_OUTPUT_RF_MOD_ROWS, {NULL, NULL, NULL, 0}};
 
-cmd_json_err_t cmd_json_set_output_rf_ext(hal_object_t* object, json_t* j_val) {
-  return cmd_json_set_args(object, cmd_json_output_rf_ext_args, j_val);
-}
-
-cmd_json_err_t cmd_json_get_output_rf_ext(hal_object_t* object, json_t** j_val) {
-  return cmd_json_get_args(object, cmd_json_output_rf_ext_args, j_val);
-}
-
-cmd_json_err_t cmd_json_set_output_rf_mod(hal_object_t* object, json_t* j_val) {
-  return cmd_json_set_args(object, cmd_json_output_rf_mod_args, j_val);
-}
-
-cmd_json_err_t cmd_json_get_output_rf_mod(hal_object_t* object, json_t** j_val) {
-  return cmd_json_get_args(object, cmd_json_output_rf_mod_args, j_val);
-}
+CMD_JSON_TABLE_HANDLERS(cmd_json_set_output_rf_ext, cmd_json_get_output_rf_ext, cmd_json_output_rf_ext_args)
+CMD_JSON_TABLE_HANDLERS(cmd_json_set_output_rf_mod, cmd_json_get_output_rf_mod, cmd_json_output_rf_mod_args)
 
 cmd_json_err_t cmd_json_get_output_rf_status(hal_object_t* object, json_t** j_val) {
   hal_output_rf_t* rf = cmd_json_rf(object);
   uint32_t bitrate_kbps = 0;
   if (hal_output_rf_get_status(rf) != HAL_OK || hal_output_rf_get_bitrate(rf, &bitrate_kbps) != HAL_OK)
     return CMD_JSON_UNSUCCESSFUL;
-  char max_bitrate[CMD_JSON_OUTPUT_RF_VALUE_LEN];
-  char overflow[CMD_JSON_OUTPUT_RF_VALUE_LEN];
-  char bitrate[CMD_JSON_OUTPUT_RF_VALUE_LEN];
-  snprintf(max_bitrate, sizeof(max_bitrate), "%u", static_cast<unsigned>(rf->status.max_bitrate_kbps));
   /* Only a flag of exactly 1 is an overflow. */
-  snprintf(overflow, sizeof(overflow), "%s", rf->status.overflow == 1 ? "yes" : "no");
-  snprintf(bitrate, sizeof(bitrate), "%u", bitrate_kbps);
-  return cmd_json_output_rf_object(
-      __func__, {{"max_bitrate", max_bitrate}, {"overflow", overflow}, {"bitrate", bitrate}}, j_val);
+  return cmd_json_text_object(
+      __func__,
+      {{"max_bitrate", cmd_json_decimal(static_cast<uint32_t>(rf->status.max_bitrate_kbps)).text},
+       {"overflow", rf->status.overflow == 1 ? "yes" : "no"},
+       {"bitrate", cmd_json_decimal(bitrate_kbps).text}},
+      j_val);
 }
 
 cmd_json_err_t cmd_json_set_output_rf_cal(hal_object_t* object, json_t* j_val) {
@@ -282,9 +196,9 @@ cmd_json_err_t cmd_json_set_output_rf_cal(hal_object_t* object, json_t* j_val) {
   uint32_t enabled = 0;
   int32_t i = 0;
   int32_t q = 0;
-  cmd_json_err_t err = cmd_json_output_rf_required(__func__, &enabled, "enabled", j_val);
-  if (err == CMD_JSON_OK) err = cmd_json_output_rf_required(__func__, &i, "i", j_val);
-  if (err == CMD_JSON_OK) err = cmd_json_output_rf_required(__func__, &q, "q", j_val);
+  cmd_json_err_t err = cmd_json_required(__func__, &enabled, "enabled", j_val);
+  if (err == CMD_JSON_OK) err = cmd_json_required(__func__, &i, "i", j_val);
+  if (err == CMD_JSON_OK) err = cmd_json_required(__func__, &q, "q", j_val);
   if (err != CMD_JSON_OK) return err;
   if (hal_output_rf_set_cal(cmd_json_rf(object), static_cast<int8_t>(i), static_cast<int8_t>(q),
                             static_cast<uint8_t>(enabled)) != HAL_OK)
@@ -299,9 +213,8 @@ cmd_json_err_t cmd_json_get_output_rf_cal(hal_object_t* object, json_t** j_val) 
   int8_t i = 0;
   int8_t q = 0;
   if (hal_output_rf_get_cal(cmd_json_rf(object), &i, &q) != HAL_OK) return CMD_JSON_UNSUCCESSFUL;
-  char i_text[CMD_JSON_OUTPUT_RF_CAL_LEN];
-  char q_text[CMD_JSON_OUTPUT_RF_CAL_LEN];
-  snprintf(i_text, sizeof(i_text), "%d", static_cast<int>(i));
-  snprintf(q_text, sizeof(q_text), "%d", static_cast<int>(q));
-  return cmd_json_output_rf_object(__func__, {{"i", i_text}, {"q", q_text}}, j_val);
+  return cmd_json_text_object(__func__,
+                              {{"i", cmd_json_decimal(static_cast<int32_t>(i)).text},
+                               {"q", cmd_json_decimal(static_cast<int32_t>(q)).text}},
+                              j_val);
 }

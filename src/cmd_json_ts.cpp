@@ -1,13 +1,8 @@
 #include "cmd_json_ts.h"
 
-#include <stdio.h>
-
 #include <type_traits>
 
-#include "dbg.h"
 #include "hal_ts.h"
-
-#define CMD_JSON_TS_VALUE_LEN 64
 
 namespace {
 
@@ -23,23 +18,6 @@ struct hal_accessor<Ret (*)(R*, V, Rest...)> {
 template <typename F>
 typename hal_accessor<F>::record* cmd_json_record(hal_object_t* object) {
   return reinterpret_cast<typename hal_accessor<F>::record*>(object);
-}
-
-cmd_json_err_t cmd_json_ts_json_error(const char* func) {
-  DBG_WRN_AT(func, "JSON error");
-  return CMD_JSON_ERR;
-}
-
-cmd_json_err_t cmd_json_ts_string(const char* func, const char* text, json_t** j_val) {
-  *j_val = json_string(text);
-  return *j_val != NULL ? CMD_JSON_OK : cmd_json_ts_json_error(func);
-}
-
-/* Numbers travel as decimal text, never as JSON numbers. */
-cmd_json_err_t cmd_json_ts_number(const char* func, uint32_t value, json_t** j_val) {
-  char text[CMD_JSON_TS_VALUE_LEN];
-  snprintf(text, sizeof(text), "%u", value);
-  return cmd_json_ts_string(func, text, j_val);
 }
 
 /* The number is cut to the low bits of the field's width before the HAL sees it: the
@@ -59,7 +37,7 @@ cmd_json_err_t cmd_json_get_number(Getter getter, const char* func, hal_object_t
   std::remove_pointer_t<typename hal_accessor<Getter>::value> value{};
   if (getter(cmd_json_record<Getter>(object), &value) != HAL_OK)
     return cmd_json_translate_hal_err(object->err);
-  return cmd_json_ts_number(func, static_cast<uint32_t>(value), j_val);
+  return cmd_json_number(func, static_cast<uint32_t>(value), j_val);
 }
 
 template <typename Setter>
@@ -74,12 +52,12 @@ cmd_json_err_t cmd_json_get_text(Getter getter, const char* func, hal_object_t* 
   char text[HAL_TS_TEXT_SIZE] = "";
   if (getter(cmd_json_record<Getter>(object), text, sizeof(text)) != HAL_OK)
     return cmd_json_translate_hal_err(object->err);
-  return cmd_json_ts_string(func, text, j_val);
+  return cmd_json_text(func, text, j_val);
 }
 
 template <typename T>
 cmd_json_err_t cmd_json_get_tag(const char* func, hal_object_t* object, json_t** j_val) {
-  return cmd_json_ts_number(func, reinterpret_cast<T*>(object)->tag, j_val);
+  return cmd_json_number(func, reinterpret_cast<T*>(object)->tag, j_val);
 }
 
 /* cmd_json_<kind>_set_<field> and cmd_json_<kind>_get_<field> over hal_<kind>_set_<field> and
@@ -172,14 +150,14 @@ cmd_json_err_t cmd_json_set_members(Find find, const char* tag_key, const cmd_js
 cmd_json_err_t cmd_json_get_members(const char* func, lnklist_t* list, const cmd_json_arg_t* args,
                                     json_t** j_val) {
   json_ptr array(json_array());
-  if (!array) return cmd_json_ts_json_error(func);
+  if (!array) return cmd_json_value_error(func);
   lnklist_node_t* node;
   FOREACH_NODE(list, node) {
     json_t* raw = NULL;
     cmd_json_err_t err = cmd_json_get_args(reinterpret_cast<hal_object_t*>(node), args, &raw);
     json_ptr member(raw);
     if (err != CMD_JSON_OK) return err;
-    if (json_array_append(array.get(), member.get()) != 0) return cmd_json_ts_json_error(func);
+    if (json_array_append(array.get(), member.get()) != 0) return cmd_json_value_error(func);
   }
   *j_val = array.release();
   return CMD_JSON_OK;
@@ -207,8 +185,7 @@ cmd_json_err_t cmd_json_service_get_streams(hal_object_t* object, json_t** j_val
 
 /* The streams of one service, each followed by its service's tag. */
 cmd_json_err_t cmd_json_append_streams(const char* func, json_t* array, hal_service_t* service) {
-  char tag[CMD_JSON_TS_VALUE_LEN];
-  snprintf(tag, sizeof(tag), "%u", service->tag);
+  const cmd_json_decimal_t tag = cmd_json_decimal(service->tag);
   lnklist_node_t* node;
   FOREACH_NODE(&service->stream_list, node) {
     json_t* raw = NULL;
@@ -216,9 +193,9 @@ cmd_json_err_t cmd_json_append_streams(const char* func, json_t* array, hal_serv
     json_ptr stream(raw);
     if (err != CMD_JSON_OK) return err;
     if (json_is_object(stream.get()) &&
-        json_object_set_new(stream.get(), "service_tag", json_string(tag)) != 0)
-      return cmd_json_ts_json_error(func);
-    if (json_array_append(array, stream.get()) != 0) return cmd_json_ts_json_error(func);
+        json_object_set_new(stream.get(), "service_tag", json_string(tag.text)) != 0)
+      return cmd_json_value_error(func);
+    if (json_array_append(array, stream.get()) != 0) return cmd_json_value_error(func);
   }
   return CMD_JSON_OK;
 }
@@ -271,21 +248,8 @@ const cmd_json_arg_t cmd_json_stream_args[] = {
     {NULL, NULL, NULL, 0},
 };
 
-cmd_json_err_t cmd_json_set_ts(hal_object_t* object, json_t* j_val) {
-  return cmd_json_set_args(object, cmd_json_ts_args, j_val);
-}
-
-cmd_json_err_t cmd_json_get_ts(hal_object_t* object, json_t** j_val) {
-  return cmd_json_get_args(object, cmd_json_ts_args, j_val);
-}
-
-cmd_json_err_t cmd_json_set_ts_ext(hal_object_t* object, json_t* j_val) {
-  return cmd_json_set_args(object, cmd_json_ts_ext_args, j_val);
-}
-
-cmd_json_err_t cmd_json_get_ts_ext(hal_object_t* object, json_t** j_val) {
-  return cmd_json_get_args(object, cmd_json_ts_ext_args, j_val);
-}
+CMD_JSON_TABLE_HANDLERS(cmd_json_set_ts, cmd_json_get_ts, cmd_json_ts_args)
+CMD_JSON_TABLE_HANDLERS(cmd_json_set_ts_ext, cmd_json_get_ts_ext, cmd_json_ts_ext_args)
 
 cmd_json_err_t cmd_json_ts_set_service(hal_object_t* object, json_t* j_val) {
   return cmd_json_set_member(hal_ts_find_service_by_tag, "service_tag", cmd_json_service_args, object, j_val);
@@ -312,7 +276,7 @@ cmd_json_err_t cmd_json_ts_set_stream(hal_object_t* object, json_t* j_val) {
 
 cmd_json_err_t cmd_json_ts_get_streams(hal_object_t* object, json_t** j_val) {
   json_ptr array(json_array());
-  if (!array) return cmd_json_ts_json_error(__func__);
+  if (!array) return cmd_json_value_error(__func__);
   lnklist_node_t* node;
   FOREACH_NODE(&reinterpret_cast<hal_ts_t*>(object)->service_list, node) {
     cmd_json_err_t err =

@@ -40,7 +40,7 @@ cmd_json_err_t cmd_json_output_ip_set_text(hal_err_t (*setter)(hal_output_ip_t*,
 template <size_t Size>
 cmd_json_err_t cmd_json_output_ip_get_text(hal_err_t (*getter)(hal_output_ip_t*, char*, size_t),
                                            const char* func, hal_object_t* object, json_t** j_val) {
-  char text[Size] = "";
+  char text[Size] = {};
   hal_err_t err = getter(cmd_json_output_ip(object), text, sizeof(text));
   if (err != HAL_OK) return cmd_json_translate_hal_err(err);
   return cmd_json_text(func, text, j_val);

@@ -1,0 +1,81 @@
+#!/bin/sh
+# Builds the libFuzzer harnesses of fuzz/ in build/fuzz and runs each for the given number of seconds
+# (default 30) on a copy of its seed corpus, which stays as it is checked in. Fails on any crash,
+# leak, time-out or sanitizer report, naming the input that caused it; prints the executions of each.
+#   scripts/fuzz.sh [seconds-per-harness] [harness ...]
+# Harness names are fuzz_cmd_json, fuzz_mod_tarn_reply, fuzz_settings_restore, fuzz_netsettings and
+# fuzz_cmd_channel; without names all five run, one after the other.
+set -eu
+
+cd "$(dirname "$0")/.."
+seconds="${1:-30}"
+[ $# -gt 0 ] && shift
+harnesses="${*:-fuzz_cmd_json fuzz_mod_tarn_reply fuzz_settings_restore fuzz_netsettings fuzz_cmd_channel}"
+case "$seconds" in
+  '' | *[!0-9]*) echo "usage: scripts/fuzz.sh [seconds-per-harness] [harness ...]" >&2; exit 2 ;;
+esac
+
+packages="clang libclang-rt-14-dev cmake make pkg-config libjansson-dev zlib1g-dev iproute2"
+missing=""
+for package in $packages; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing="$missing $package"
+done
+if [ -n "$missing" ]; then
+  sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo="sudo"
+  echo "Installing:$missing"
+  $sudo apt-get update -qq || echo "apt-get update reported errors; going on with the indexes it has"
+  # shellcheck disable=SC2086 # one word per package
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends $missing >/dev/null
+fi
+
+build=build/fuzz
+CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVID_FUZZ=ON -DTAVID_TESTS=OFF \
+  >/dev/null
+# shellcheck disable=SC2086 # one target per harness
+cmake --build "$build" -j2 --target $harnesses
+
+# Each harness runs in a network namespace of its own with only a loopback, where it can: the
+# network-settings port is fixed (49998), and a box simulator or tests running beside would otherwise
+# be reached by the requests the harnesses make, or answer them.
+isolated() { "$@"; }
+if unshare -rn sh -c 'ip link set lo up' 2>/dev/null; then
+  isolated() { unshare -rn sh -c 'ip link set lo up && exec "$@"' sh "$@"; }
+else
+  echo "No network namespace available: the harnesses share the machine's loopback and port 49998."
+fi
+
+export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1}"
+export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
+failed=""
+for harness in $harnesses; do
+  name="${harness#fuzz_}"
+  work="$build/runs/$name"
+  rm -rf "$work"
+  mkdir -p "$work/corpus" "$work/artifacts"
+  cp fuzz/corpus/"$name"/* "$work/corpus/"
+  seeds=$(find "$work/corpus" -type f | wc -l)
+  log="$work/fuzz.log"
+  # The daemon's warnings would drown the fuzzer's lines: the harness's own output is closed, the
+  # fuzzer's and the sanitizers' reports are not.
+  status=0
+  isolated "$build/fuzz/$harness" "$work/corpus" -max_total_time="$seconds" -timeout=30 -close_fd_mask=3 \
+    -print_final_stats=1 -artifact_prefix="$work/artifacts/" >"$log" 2>&1 || status=$?
+  runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)
+  rate=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$log" | tail -n 1)
+  found=$(ls "$work/artifacts")
+  if [ "$status" -ne 0 ] || [ -n "$found" ]; then
+    failed="$failed $harness"
+    echo "$harness: FAILED (exit $status) after ${runs:-?} executions; log $log"
+    for artifact in $found; do echo "  input: $work/artifacts/$artifact"; done
+    grep -E "ERROR:|SUMMARY:|check failed|deadly signal|Test unit written" "$log" | head -n 10 | sed 's/^/  /'
+  else
+    echo "$harness: ${runs:-?} executions in ${seconds} s (${rate:-?}/s), corpus $seeds -> $(find "$work/corpus" -type f | wc -l) inputs"
+  fi
+done
+
+if [ -n "$failed" ]; then
+  echo "Failed:$failed"
+  exit 1
+fi
+echo "No crash, leak, time-out or sanitizer report."

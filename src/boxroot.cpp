@@ -70,3 +70,9 @@ const char* boxroot_command(char* buf, size_t size, const char* box_command) {
 }
 
 #endif
+
+int boxroot_system(const char* box_command) {
+  char command[2 * BOXROOT_PATH_LEN];
+  int status = system(boxroot_command(command, sizeof(command), box_command));
+  return ((status >> 8) & 0xFF) == 0 ? 0 : -1;
+}

@@ -19,4 +19,7 @@ const char* boxroot_path(char* buf, size_t size, const char* box_path);
 /* A shell command with the root put in front of every box path it names. Returns buf. */
 const char* boxroot_command(char* buf, size_t size, const char* box_command);
 
+/* Runs a box shell command through system(): 0 when it exited with status 0, -1 otherwise. */
+int boxroot_system(const char* box_command);
+
 #endif

@@ -16,10 +16,6 @@
 #include "inet.h"
 
 namespace {
-struct free_deleter {
-  void operator()(void* p) const { free(p); }
-};
-using cbuf_ptr = std::unique_ptr<char, free_deleter>;
 
 /* A client that never reads its reply must not hold the daemon for ever. */
 constexpr time_t CMD_TCP_SEND_TIMEOUT_S = 5;
@@ -59,7 +55,7 @@ long cmd_elapsed_us(const struct timespec* since) {
 /* Reads until a read fails, normally at the receive time-out after the client's last byte.
  * A zero-length read (the client closed its sending side) does not end the request by itself:
  * it counts as silence, so the request ends when the time-out would have ended it. */
-cmd_err_t cmd_read_request(cmd_t* cmd, int client, cbuf_ptr* buf, size_t* len) {
+cmd_err_t cmd_read_request(cmd_t* cmd, int client, text_ptr* buf, size_t* len) {
   struct timespec last_data;
   clock_gettime(CLOCK_MONOTONIC, &last_data);
   for (;;) {
@@ -105,7 +101,7 @@ cmd_err_t cmd_serve_client(cmd_t* cmd, int client) {
     DBG_WRN_AT("cmd_poll", "%s - Could not set command timeout", cmd->name);
     return cmd_set_err(cmd, CMD_IF_ERR);
   }
-  cbuf_ptr buf(static_cast<char*>(malloc(CMD_TCP_CHUNK_SIZE + 1)));
+  text_ptr buf(static_cast<char*>(malloc(CMD_TCP_CHUNK_SIZE + 1)));
   if (!buf) {
     DBG_WRN_AT("cmd_poll", "%s - Could not allocate command buffer", cmd->name);
     return cmd_set_err(cmd, CMD_BUF_ERR);
@@ -117,7 +113,7 @@ cmd_err_t cmd_serve_client(cmd_t* cmd, int client) {
     DBG_WRN_AT("cmd_poll", "%s - Unknown command format", cmd->name);
     return cmd_set_err(cmd, CMD_FRMT_UNKNOWN);
   }
-  cbuf_ptr reply(cmd_json_handler(buf.get()));
+  text_ptr reply(cmd_json_handler(buf.get()));
   if (!reply) {
     DBG_WRN_AT("cmd_poll", "%s - No response from JSON command handler", cmd->name);
   } else {

@@ -67,16 +67,6 @@ cmd_json_object_t cmd_json_objects[CMD_JSON_OBJECT_COUNT] = {
 
 namespace {
 
-struct free_deleter {
-  void operator()(void* p) const { free(p); }
-};
-using text_ptr = std::unique_ptr<char, free_deleter>;
-
-struct file_closer {
-  void operator()(FILE* f) const { fclose(f); }
-};
-using file_ptr = std::unique_ptr<FILE, file_closer>;
-
 const char* cmd_json_name(const char* name) { return name != NULL ? name : "(null)"; }
 
 /* Skips what strtoul skips before the sign, to tell a negated number apart. */
@@ -541,12 +531,6 @@ constexpr const char* const* cmd_reset_levels[] = {cmd_reset_level0, cmd_reset_l
                                                    cmd_reset_level3};
 constexpr const char* cmd_reset_level_names[] = {"0", "1", "2", "3"};
 
-/* A command fails when its exit status is not zero. */
-int cmd_json_system(const char* box_command) {
-  char command[2 * BOXROOT_PATH_LEN];
-  int status = system(boxroot_command(command, sizeof(command), box_command));
-  return ((status >> 8) & 0xFF) == 0 ? 0 : -1;
-}
 }  // namespace
 
 cmd_json_err_t cmd_reset(hal_object_t*, json_t* j_val) {
@@ -555,7 +539,7 @@ cmd_json_err_t cmd_reset(hal_object_t*, json_t* j_val) {
   for (size_t i = 0; i < sizeof(cmd_reset_levels) / sizeof(cmd_reset_levels[0]); i++) {
     if (strcmp(level, cmd_reset_level_names[i]) != 0) continue;
     for (const char* const* command = cmd_reset_levels[i]; *command != NULL; command++) {
-      if (cmd_json_system(*command) != 0) return CMD_JSON_UNSUCCESSFUL;
+      if (boxroot_system(*command) != 0) return CMD_JSON_UNSUCCESSFUL;
     }
     return CMD_JSON_OK;
   }

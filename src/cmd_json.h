@@ -3,6 +3,8 @@
 
 #include <jansson.h>
 #include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
 
 #include <initializer_list>
 #include <memory>
@@ -67,6 +69,18 @@ struct json_deleter {
   void operator()(json_t* json) const { json_decref(json); }
 };
 using json_ptr = std::unique_ptr<json_t, json_deleter>;
+
+/* Owner of malloc'd text (a reply, a request buffer). */
+struct free_deleter {
+  void operator()(void* p) const { free(p); }
+};
+using text_ptr = std::unique_ptr<char, free_deleter>;
+
+/* Owner of an open stdio file. */
+struct file_closer {
+  void operator()(FILE* f) const { fclose(f); }
+};
+using file_ptr = std::unique_ptr<FILE, file_closer>;
 
 char* cmd_json_handler(char* s_cmd);
 cmd_json_err_t cmd_json_set_args(hal_object_t* object, const cmd_json_arg_t* args, json_t* j_args);

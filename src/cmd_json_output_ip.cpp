@@ -21,11 +21,6 @@
 
 namespace {
 
-struct free_deleter {
-  void operator()(void* p) const { free(p); }
-};
-using text_ptr = std::unique_ptr<char, free_deleter>;
-
 hal_output_ip_t* cmd_json_output_ip(hal_object_t* object) {
   return reinterpret_cast<hal_output_ip_t*>(object);
 }
@@ -71,10 +66,12 @@ CMD_JSON_TSOUT_HANDLERS(hal_output_ip_t, cmd_json_output_ip_set_ts_ext, cmd_json
 
 }  // namespace
 
+/* The destination rows both tables share. */
+// clang-format off
 #define CMD_JSON_OUTPUT_IP_DST_ROWS                                                    \
-  {"dst_addr", cmd_json_output_ip_set_dst_addr, cmd_json_output_ip_get_dst_addr, 0}, { \
-    "dst_port", cmd_json_output_ip_set_dst_port, cmd_json_output_ip_get_dst_port, 0    \
-  }
+  {"dst_addr", cmd_json_output_ip_set_dst_addr, cmd_json_output_ip_get_dst_addr, 0},   \
+  {"dst_port", cmd_json_output_ip_set_dst_port, cmd_json_output_ip_get_dst_port, 0}
+// clang-format on
 
 const cmd_json_arg_t cmd_json_output_ip_ext_args[] = {
     CMD_JSON_OUTPUT_IP_DST_ROWS,
@@ -194,9 +191,7 @@ int cmd_json_ifconfig_accepted(json_t* reply) {
 }
 
 cmd_json_err_t cmd_json_ifconfig_restart(void) {
-  char command[2 * BOXROOT_PATH_LEN];
-  int status = system(boxroot_command(command, sizeof(command), CMD_JSON_IFCONFIG_RESTART));
-  return ((status >> 8) & 0xFF) == 0 ? CMD_JSON_OK : CMD_JSON_UNSUCCESSFUL;
+  return boxroot_system(CMD_JSON_IFCONFIG_RESTART) == 0 ? CMD_JSON_OK : CMD_JSON_UNSUCCESSFUL;
 }
 
 }  // namespace

@@ -45,9 +45,7 @@ hal_err_t hal_device_set_output_mode(hal_device_t* device, hal_device_output_mod
   char box_command[HAL_DEVICE_CMD_LEN];
   snprintf(box_command, sizeof(box_command), "cp -rf /opt/bin/default_settings_%s.conf /data/settings.conf",
            name);
-  char command[2 * BOXROOT_PATH_LEN];
-  int status = system(boxroot_command(command, sizeof(command), box_command));
-  if (((status >> 8) & 0xFF) != 0) return HAL_ERR;
+  if (boxroot_system(box_command) != 0) return HAL_ERR;
   raise(SIGUSR1);
   device->settings.output_mode = output_mode;
   return HAL_OK;

@@ -156,9 +156,7 @@ int main(int argc, char** argv) {
   cmd_close(&cmd);
   hal_cleanup();
   if (tavid_state == TAVID_RESTART) {
-    char command[2 * BOXROOT_PATH_LEN];
-    int status = system(boxroot_command(command, sizeof(command), TAVID_RESTART_CMD));
-    (void)status; /* nothing is left to tell it to */
+    boxroot_system(TAVID_RESTART_CMD); /* nothing is left to tell its result to */
   }
   return 0;
 }

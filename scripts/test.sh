@@ -1,7 +1,7 @@
 #!/bin/sh
 # Builds the host daemon with AddressSanitizer and UndefinedBehaviorSanitizer and runs every
-# test: the unit tests and the integration tests against the box simulator; then the unit tests
-# once more under valgrind.
+# test: the unit tests and the integration tests against the box simulator; then, under valgrind,
+# the unit tests and the integration tests that cover every object and mode.
 set -eu
 cd "$(dirname "$0")/.."
 scripts/deps.sh
@@ -12,5 +12,5 @@ cmake --build "$build" -j"$(nproc)"
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 ctest --test-dir "$build" --output-on-failure -j"$(nproc)"
-# The unit tests once more under valgrind.
+# The same under valgrind (a build of its own).
 scripts/valgrind.sh

@@ -1,19 +1,65 @@
 #!/bin/sh
-# Runs every unit test under valgrind's memcheck, in a build without sanitizers (the two do not
-# mix). Any error or definite leak fails the run; the failing test's report is printed.
+# Runs the tests under valgrind's memcheck, in a build without sanitizers (the two do not mix):
+#
+#   scripts/valgrind.sh               the unit tests, then the integration subset
+#   scripts/valgrind.sh unit          every unit test executable
+#   scripts/valgrind.sh integration   the integration tests that cover every object and every
+#                                     output mode (assembly, objects, settings, streaming,
+#                                     dispatch), with the daemon started under valgrind
+#
+# Any error or definite or indirect leak fails the run and its report is printed. The daemon's
+# leak check runs when it ends on SIGTERM, as the tests end it.
 set -eu
 cd "$(dirname "$0")/.."
+parts="${*:-unit integration}"
 build=build/valgrind
+memcheck="valgrind -q --leak-check=full --errors-for-leak-kinds=definite,indirect"
+
+# The integration subset: every object, every mode, the settings file and the streaming child.
+integration_tests="test_04_dispatch.py test_06_assembly.py test_07_objects.py test_08_settings.py
+  test_09_streaming.py"
+
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DTAVID_SANITIZE=OFF >/dev/null
 cmake --build "$build" -j"$(nproc)"
-log=$build/valgrind.log
-for test in "$build"/tests/unit/test_*; do
-  [ -x "$test" ] || continue
-  if ! valgrind -q --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite,indirect \
-      "$test" --gtest_brief=1 >"$log" 2>&1; then
-    cat "$log"
-    echo "valgrind: $(basename "$test") failed"
+
+unit() {
+  log=$build/valgrind.log
+  for test in "$build"/tests/unit/test_*; do
+    [ -x "$test" ] || continue
+    if ! $memcheck --error-exitcode=99 "$test" --gtest_brief=1 >"$log" 2>&1; then
+      cat "$log"
+      echo "valgrind: $(basename "$test") failed"
+      exit 1
+    fi
+    echo "valgrind: $(basename "$test") clean"
+  done
+}
+
+# Each daemon writes its own report (valgrind's %p); -q leaves a clean daemon's report empty.
+# Children forked for box commands and the streaming program are not checked: they exec at once.
+integration() {
+  logs=$PWD/$build/integration-reports
+  rm -rf "$logs"
+  mkdir -p "$logs"
+  set --
+  for test in $integration_tests; do set -- "$@" "tests/integration/$test"; done
+  TAVID_BIN=$PWD/$build/src/tavid TAVICTL_BIN=$PWD/$build/src/tavictl \
+    TAVID_LAUNCHER="$memcheck --child-silent-after-fork=yes --log-file=$logs/tavid.%p.log" \
+    /usr/bin/python3 -m pytest -q -p no:cacheprovider "$@"
+  daemons=$(find "$logs" -name 'tavid.*.log' | wc -l)
+  dirty=$(find "$logs" -name 'tavid.*.log' -size +0c)
+  if [ -n "$dirty" ]; then
+    for report in $dirty; do echo "== $report"; cat "$report"; done
+    echo "valgrind: $(echo "$dirty" | wc -l) of $daemons daemons reported errors or leaks"
     exit 1
   fi
-  echo "valgrind: $(basename "$test") clean"
+  echo "valgrind: $daemons daemons of the integration subset clean"
+}
+
+for part in $parts; do
+  case "$part" in
+    unit) unit ;;
+    integration) integration ;;
+    *) echo "usage: scripts/valgrind.sh [unit|integration]" >&2; exit 2 ;;
+  esac
 done

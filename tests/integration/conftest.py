@@ -8,6 +8,7 @@ Environment:
 Test modules import the helpers from here: `from conftest import request, run_tavid`.
 """
 
+import json
 import os
 import re
 import shlex
@@ -68,20 +69,30 @@ def free_port() -> int:
         return probe.getsockname()[1]
 
 
-def tcp_listening(port: int) -> bool:
-    """Whether some socket listens on the port. Read from the kernel's tables rather than
-    probed with a connection: the daemon would take a probe for a request and answer it."""
+def _listening_rows(port: int):
+    """The kernel's rows of the sockets that listen on the port, split into their fields."""
     for table in ("/proc/net/tcp", "/proc/net/tcp6"):
         try:
             with open(table, encoding="ascii") as rows:
                 next(rows)
                 for row in rows:
-                    local, state = row.split()[1], row.split()[3]
-                    if int(local.rsplit(":", 1)[1], 16) == port and state == TCP_LISTEN:
-                        return True
+                    fields = row.split()
+                    if int(fields[1].rsplit(":", 1)[1], 16) == port and fields[3] == TCP_LISTEN:
+                        yield fields
         except FileNotFoundError:
             continue
-    return False
+
+
+def tcp_listening(port: int) -> bool:
+    """Whether some socket listens on the port. Read from the kernel's tables rather than
+    probed with a connection: the daemon would take a probe for a request and answer it."""
+    return any(True for _ in _listening_rows(port))
+
+
+def tcp_accept_queue(port: int) -> int:
+    """How many connections wait for the listener on the port to accept them (the receive
+    queue of a listening socket counts them)."""
+    return sum(int(fields[4].split(":")[1], 16) for fields in _listening_rows(port))
 
 
 # ---------------------------------------------------------------------------------------------
@@ -89,14 +100,15 @@ def tcp_listening(port: int) -> bool:
 
 
 class Daemon:
-    """tavid started on a box: [launcher..., TAVID_BIN, "-c", port, *args], its standard
-    streams in the root's tavid.out and tavid.err."""
+    """tavid started on a box: [*wrapper, launcher..., TAVID_BIN, "-c", port, *args], its
+    standard streams in the root's tavid.out and tavid.err. A wrapper must end by executing
+    the rest of the line in its own process, so that signals reach the daemon."""
 
-    def __init__(self, box: tavisim.Box, args=(), port: int | None = None):
+    def __init__(self, box: tavisim.Box, args=(), port: int | None = None, wrapper=()):
         self.box = box
         self.port = free_port() if port is None else port
         self.args = ["-c", str(self.port), *args]
-        self.command = [*launcher(), tavid_bin(), *self.args]
+        self.command = [*wrapper, *launcher(), tavid_bin(), *self.args]
         self.out_path = box.path("tavid.out")
         self.err_path = box.path("tavid.err")
         self.process = None
@@ -143,6 +155,16 @@ class Daemon:
             self.process.kill()
             self.process.wait()
 
+    def finish(self):
+        """Ends a daemon still running as the box would: SIGTERM, so that a memory checker in
+        the launcher sees its whole exit path; SIGKILL only when it does not end in time."""
+        if self.running():
+            self.send_signal(signal.SIGTERM)
+            try:
+                self.process.wait(STOP_WAIT)
+            except subprocess.TimeoutExpired:
+                self.kill()
+
     def stdout(self) -> bytes:
         return Path(self.out_path).read_bytes()
 
@@ -174,7 +196,9 @@ def _connect(port: int, wait: float) -> socket.socket:
     return socket.create_connection(("127.0.0.1", port), timeout=wait)
 
 
-def _read_until_closed(sock: socket.socket, wait: float) -> bytes:
+def _read_until_closed(sock: socket.socket, wait: float, reset_ends: bool = False) -> bytes:
+    """reset_ends: a reset also ends the reply. The daemon's close resets the connection when
+    bytes that it did not read were still coming in; what it sent before arrives first."""
     deadline = time.monotonic() + wait
     reply = bytearray()
     while True:
@@ -184,6 +208,10 @@ def _read_until_closed(sock: socket.socket, wait: float) -> bytes:
         except socket.timeout:
             raise TimeoutError(f"tavid did not close the connection within {wait} s; "
                                f"received {bytes(reply)!r}") from None
+        except ConnectionResetError:
+            if not reset_ends:
+                raise
+            chunk = b""
         if not chunk:
             return bytes(reply)
         reply += chunk
@@ -256,20 +284,21 @@ def box(make_box) -> tavisim.Box:
 
 @pytest.fixture
 def tavid(make_box):
-    """Factory tavid(box, args=(), port=None, listen=True) -> Daemon, started and, with
-    listen, listening. Every daemon is killed at the end of the test, before its box goes."""
+    """Factory tavid(box, args=(), port=None, listen=True, wrapper=()) -> Daemon, started and,
+    with listen, listening. Every daemon is ended at the end of the test, before its box goes."""
     tavid_bin()  # skips the test before anything starts when there is no daemon
     daemons = []
 
-    def start(box: tavisim.Box, args=(), port: int | None = None, listen: bool = True) -> Daemon:
-        daemon = Daemon(box, args, port)
+    def start(box: tavisim.Box, args=(), port: int | None = None, listen: bool = True,
+              wrapper=()) -> Daemon:
+        daemon = Daemon(box, args, port, wrapper)
         daemons.append(daemon)
         daemon.start()
         return daemon.wait_listening() if listen else daemon
 
     yield start
     for daemon in daemons:
-        daemon.kill()
+        daemon.finish()
 
 
 # ---------------------------------------------------------------------------------------------
@@ -294,3 +323,105 @@ def msg(text: str) -> bytes:
 def matches(output: bytes, *lines: bytes) -> bool:
     """The output is exactly these lines, in this order."""
     return re.fullmatch(b"".join(lines), output) is not None
+
+
+# One warning or error line, read back: its kind, the function that printed it and its text.
+_LOG_LINE = re.compile(rb"(\x1b\[33mtavid \[WRN\]: Warning|\x1b\[31mtavid \[ERR\]: Error) in function "
+                       rb"'([^']*)' \[line \d+\]:\n\r\t(.*?)\x1b\[0m\n\r", re.DOTALL)
+
+
+def log_lines(output: bytes, leave_out=()) -> list:
+    """The warning and error lines of a standard error stream as ("WRN" or "ERR", function,
+    text), in order, without the lines of the functions named in leave_out. Anything in the
+    stream that is no such line (a sanitizer report, say) fails the test."""
+    lines, position = [], 0
+    while position < len(output):
+        line = _LOG_LINE.match(output, position)
+        assert line is not None, f"no log line at byte {position}: {output[position:position + 400]!r}"
+        kind = "WRN" if line.group(1).startswith(b"\x1b[33m") else "ERR"
+        if line.group(2).decode() not in leave_out:
+            lines.append((kind, line.group(2).decode(), line.group(3).decode(errors="replace")))
+        position = line.end()
+    return lines
+
+
+def wrn_line(function: str, text: str) -> tuple:
+    """A warning line as log_lines() gives it."""
+    return ("WRN", function, text)
+
+
+def err_line(function: str, text: str) -> tuple:
+    """An error line as log_lines() gives it."""
+    return ("ERR", function, text)
+
+
+# The checksum traces that every change of a transport stream prints.
+TS_TRACES = ("hal_ts_changed",)
+
+
+def new_log_lines(daemon: Daemon, since: int) -> list:
+    """The warning and error lines that the daemon logged after the first `since` bytes of its
+    standard error, without the checksum traces."""
+    return log_lines(daemon.stderr()[since:], leave_out=TS_TRACES)
+
+
+# ---------------------------------------------------------------------------------------------
+# Requests by object, and waiting for the box
+
+
+def send(daemon: Daemon, action: str, obj: str, **args) -> bytes:
+    """One request on the daemon's port, built from keyword arguments (each value a JSON
+    string, as the protocol wants)."""
+    text = json.dumps({"action": action, "object": obj, "args": args}, separators=(",", ":"))
+    return request(daemon.port, text.encode())
+
+
+def wait_for(predicate, timeout: float = START_WAIT, what: str = "condition"):
+    deadline = time.monotonic() + timeout
+    while not predicate():
+        assert time.monotonic() < deadline, f"{what} not met within {timeout} s"
+        time.sleep(0.02)
+
+
+def ready(box: tavisim.Box, daemon: Daemon):
+    """The first poll pass is over (settings restored, the mode's alarm LED cleared)."""
+    led = box.path(tavisim.ALARM_LEDS[box.mode] + "/brightness")
+    wait_for(lambda: Path(led).read_text() == "0" or not daemon.running(), what="alarm LED cleared")
+    assert daemon.running(), daemon.stderr()
+
+
+def settle(box: tavisim.Box, quiet: float = 0.3, timeout: float = REPLY_WAIT):
+    """Waits until the bus has been idle for `quiet` seconds: the poll cycle has nothing left."""
+    deadline = time.monotonic() + timeout
+    count, since = len(box.bus.transactions()), time.monotonic()
+    while time.monotonic() - since < quiet:
+        assert time.monotonic() < deadline, "the bus did not come to rest"
+        time.sleep(0.02)
+        now = len(box.bus.transactions())
+        if now != count:
+            count, since = now, time.monotonic()
+
+
+def restarted_pid(box: tavisim.Box) -> int | None:
+    """The daemon that the init script started last, if any."""
+    try:
+        pids = Path(box.path("tavid.pid")).read_text().split()
+    except FileNotFoundError:
+        return None
+    return int(pids[-1]) if pids else None
+
+
+def start_ready(make_box, tavid, mode: str, *args):
+    """A box of this mode and a daemon on it that has made its first poll pass and pushed
+    everything to the modules: (box, daemon)."""
+    box = make_box(mode)
+    daemon = tavid(box, ["-m", mode, *args])
+    ready(box, daemon)
+    settle(box)
+    return box, daemon
+
+
+def answers(daemon: Daemon, mode: str = "rf"):
+    """The daemon serves a request that needs no module: its device and output mode."""
+    expected = json.dumps({"result": {"output_mode": mode, "device_id": "0"}}, separators=(",", ":"))
+    assert send(daemon, "get", "device", device_id="0") == expected.encode()

@@ -746,7 +746,8 @@ class Box:
     The constructor lays out the root's files; start() opens the bus socket dev/i2c-0, the
     control socket sim.ctl and, when the box was made with netsettings, the network-settings
     service on localhost (its port is fixed on the box, so only one box at a time can offer
-    it); stop() closes them again."""
+    it); stop() closes them again. close_bus() and open_bus() take the bus away from a running
+    daemon and bring it back."""
 
     def __init__(self, root: str, mode: str = "rf", netsettings: bool = False,
                  netsettings_port: int = NETSETTINGS_PORT):
@@ -795,6 +796,7 @@ class Box:
             "clear_netsettings_log": self._command_clear_netsettings_log,
         }
         self._servers = []
+        self._bus_server = None
         self._lay_out()
 
     def path(self, box_path: str) -> str:
@@ -808,8 +810,8 @@ class Box:
         so; nothing is left open then."""
         if self._servers:
             return self
-        self._servers = [_UnixServer(self.bus_path, _BusConnection, self.bus),
-                         _UnixServer(self.control_path, _ControlConnection, self)]
+        self._servers = [_UnixServer(self.control_path, _ControlConnection, self)]
+        self.open_bus()
         if self.netsettings is not None:
             try:
                 self.netsettings.start()
@@ -823,10 +825,23 @@ class Box:
         leaves behind."""
         if self.netsettings is not None:
             self.netsettings.stop()
+        self.close_bus()
         for server in self._servers:
             server.close()
         self._servers = []
         self.kill_qel2ip()
+
+    def close_bus(self):
+        """The bus device goes away under a running daemon: its socket file is removed and the
+        open connections end, also one in the middle of a transfer. open_bus() brings it back."""
+        server, self._bus_server = self._bus_server, None
+        if server is not None:
+            server.close()
+
+    def open_bus(self):
+        """Serves the bus at dev/i2c-0 (again); nothing happens while it is served."""
+        if self._bus_server is None:
+            self._bus_server = _UnixServer(self.bus_path, _BusConnection, self.bus)
 
     def __enter__(self):
         return self.start()

@@ -412,12 +412,12 @@ def restarted_pid(box: tavisim.Box) -> int | None:
 
 
 def start_ready(make_box, tavid, mode: str, *args):
-    """A box of this mode and a daemon on it that has made its first poll pass and pushed
-    everything to the modules: (box, daemon)."""
+    """A box of this mode without stored settings, and a daemon on it that has made its first
+    poll pass: (box, daemon). With nothing to restore, that pass has pushed everything to the
+    modules and the bus is at rest."""
     box = make_box(mode)
     daemon = tavid(box, ["-m", mode, *args])
     ready(box, daemon)
-    settle(box)
     return box, daemon
 
 
@@ -425,3 +425,15 @@ def answers(daemon: Daemon, mode: str = "rf"):
     """The daemon serves a request that needs no module: its device and output mode."""
     expected = json.dumps({"result": {"output_mode": mode, "device_id": "0"}}, separators=(",", ":"))
     assert send(daemon, "get", "device", device_id="0") == expected.encode()
+
+
+def rf_frequency(daemon: Daemon, output_id: str = "0") -> str:
+    """An RF output's frequency as the daemon answers it (its getter reads the module)."""
+    reply = json.loads(send(daemon, "get", "output_rf_mod", output_id=output_id))
+    return reply["result"]["frequency"]
+
+
+def module_parameters(box: tavisim.Box, addr: int, group: str = "applied") -> dict:
+    """The parameters a module holds: "applied" (in use) or "settings" (staged by set
+    commands, what its gets read)."""
+    return box.module(addr).state()[group]["parameters"]

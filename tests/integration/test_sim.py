@@ -138,6 +138,21 @@ def test_stop_removes_the_sockets_and_ends_open_connections(make_box):
     idle.close()
 
 
+def test_a_closed_bus_ends_its_connections_and_comes_back_at_its_path(make_box):
+    box = make_box()
+    idle = bus_connect(box)
+    assert bus_write(idle, EMPTY_ADDR, b"") == b"\x01"
+    box.close_bus()
+    assert not os.path.exists(box.bus_path)
+    assert idle.recv(1) == b""
+    idle.close()
+    assert control(box, {"cmd": "bus_log"})["ok"]  # the rest of the box still serves
+    box.open_bus()
+    box.open_bus()  # already served: nothing happens
+    with bus_connect(box) as again:
+        assert bus_write(again, EMPTY_ADDR, b"") == b"\x01"
+
+
 def test_box_is_a_context_manager(tmp_path):
     root = tavisim.Box(str(tmp_path))
     with root as box:

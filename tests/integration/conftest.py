@@ -31,6 +31,7 @@ REPLY_WAIT = 30.0
 START_WAIT = 20.0
 STOP_WAIT = 10.0
 TCP_LISTEN = "0A"  # socket state in /proc/net/tcp
+MODES = tavisim.MODES  # the daemon's output modes
 
 
 # ---------------------------------------------------------------------------------------------
@@ -155,15 +156,26 @@ class Daemon:
             self.process.kill()
             self.process.wait()
 
+    def terminate(self):
+        """SIGTERM, as the box ends a daemon, when it still runs."""
+        if self.running():
+            self.send_signal(signal.SIGTERM)
+
+    def ended(self, timeout: float = STOP_WAIT) -> bool:
+        """Whether the daemon has ended or ends within the timeout."""
+        if self.running():
+            try:
+                self.process.wait(timeout)
+            except subprocess.TimeoutExpired:
+                return False
+        return True
+
     def finish(self):
         """Ends a daemon still running as the box would: SIGTERM, so that a memory checker in
         the launcher sees its whole exit path; SIGKILL only when it does not end in time."""
-        if self.running():
-            self.send_signal(signal.SIGTERM)
-            try:
-                self.process.wait(STOP_WAIT)
-            except subprocess.TimeoutExpired:
-                self.kill()
+        self.terminate()
+        if not self.ended():
+            self.kill()
 
     def stdout(self) -> bytes:
         return Path(self.out_path).read_bytes()
@@ -272,9 +284,14 @@ def make_box():
 
     yield make
     for box in boxes:
-        kill_restarted_daemons(box)
-        box.stop()
-        shutil.rmtree(box.root, ignore_errors=True)
+        remove_box(box)
+
+
+def remove_box(box: tavisim.Box):
+    """Stops the box with every daemon its init script started, and removes its root."""
+    kill_restarted_daemons(box)
+    box.stop()
+    shutil.rmtree(box.root, ignore_errors=True)
 
 
 @pytest.fixture
@@ -285,7 +302,10 @@ def box(make_box) -> tavisim.Box:
 @pytest.fixture
 def tavid(make_box):
     """Factory tavid(box, args=(), port=None, listen=True, wrapper=()) -> Daemon, started and,
-    with listen, listening. Every daemon is ended at the end of the test, before its box goes."""
+    with listen, listening. Every daemon is ended at the end of the test, before its box goes:
+    all of them are given SIGTERM before any is waited for, so that each stops its streaming
+    child while the box is still there; one still running after that wait is ended by
+    finish()."""
     tavid_bin()  # skips the test before anything starts when there is no daemon
     daemons = []
 
@@ -297,6 +317,10 @@ def tavid(make_box):
         return daemon.wait_listening() if listen else daemon
 
     yield start
+    for daemon in daemons:
+        daemon.terminate()
+    for daemon in daemons:
+        daemon.ended()
     for daemon in daemons:
         daemon.finish()
 
@@ -323,6 +347,16 @@ def msg(text: str) -> bytes:
 def matches(output: bytes, *lines: bytes) -> bool:
     """The output is exactly these lines, in this order."""
     return re.fullmatch(b"".join(lines), output) is not None
+
+
+def contains(output: bytes, *lines: bytes) -> bool:
+    """The output holds these lines in this order, with anything between them."""
+    return re.search(b"(?:.|\n)*?".join(lines), output, re.DOTALL) is not None
+
+
+def count(pattern: bytes, output: bytes) -> int:
+    """How many times the output holds the pattern."""
+    return len(re.findall(pattern, output))
 
 
 # One warning or error line, read back: its kind, the function that printed it and its text.
@@ -366,7 +400,11 @@ def new_log_lines(daemon: Daemon, since: int) -> list:
 
 
 # ---------------------------------------------------------------------------------------------
-# Requests by object, and waiting for the box
+# Requests by object, and their replies
+
+
+# The warning of a command that the daemon took but could not carry out, by its error number.
+UNSUCCESSFUL = b'{"warningCode":1103,"description":"JSON command unsuccessful (error: %d)"}'
 
 
 def send(daemon: Daemon, action: str, obj: str, **args) -> bytes:
@@ -376,6 +414,38 @@ def send(daemon: Daemon, action: str, obj: str, **args) -> bytes:
     return request(daemon.port, text.encode())
 
 
+def get(daemon: Daemon, obj: str, **args) -> dict:
+    """The reply to a "get", parsed."""
+    return json.loads(send(daemon, "get", obj, **args))
+
+
+def error(description: str) -> bytes:
+    """The reply to a request that the daemon refused."""
+    return json.dumps({"errorCode": 5002, "description": description}, separators=(",", ":")).encode()
+
+
+def record_arg(daemon: Daemon) -> str:
+    """Makes the argument name that the next error without a name of its own quotes known:
+    the walk of the encoder's arguments records "video_gopsize" last."""
+    assert get(daemon, "input_hdmi_enc", input_id="0")["result"]["input_id"] == "0"
+    return "video_gopsize"
+
+
+def answers(daemon: Daemon, mode: str = "rf"):
+    """The daemon serves a request that needs no module: its device and output mode."""
+    expected = json.dumps({"result": {"output_mode": mode, "device_id": "0"}}, separators=(",", ":"))
+    assert send(daemon, "get", "device", device_id="0") == expected.encode()
+
+
+def rf_frequency(daemon: Daemon, output_id: str = "0") -> str:
+    """An RF output's frequency as the daemon answers it (its getter reads the module)."""
+    return get(daemon, "output_rf_mod", output_id=output_id)["result"]["frequency"]
+
+
+# ---------------------------------------------------------------------------------------------
+# Waiting for the box
+
+
 def wait_for(predicate, timeout: float = START_WAIT, what: str = "condition"):
     deadline = time.monotonic() + timeout
     while not predicate():
@@ -383,10 +453,15 @@ def wait_for(predicate, timeout: float = START_WAIT, what: str = "condition"):
         time.sleep(0.02)
 
 
+def led_cleared(box: tavisim.Box, mode: str) -> bool:
+    """The alarm LED of the mode is off: a daemon of that mode has made its first poll pass."""
+    return Path(box.path(tavisim.ALARM_LEDS[mode] + "/brightness")).read_text() == "0"
+
+
 def ready(box: tavisim.Box, daemon: Daemon):
-    """The first poll pass is over (settings restored, the mode's alarm LED cleared)."""
-    led = box.path(tavisim.ALARM_LEDS[box.mode] + "/brightness")
-    wait_for(lambda: Path(led).read_text() == "0" or not daemon.running(), what="alarm LED cleared")
+    """The first poll pass is over (settings restored, the mode's alarm LED cleared): the next
+    request is served after it."""
+    wait_for(lambda: led_cleared(box, box.mode) or not daemon.running(), what="alarm LED cleared")
     assert daemon.running(), daemon.stderr()
 
 
@@ -411,29 +486,81 @@ def restarted_pid(box: tavisim.Box) -> int | None:
     return int(pids[-1]) if pids else None
 
 
-def start_ready(make_box, tavid, mode: str, *args):
-    """A box of this mode without stored settings, and a daemon on it that has made its first
-    poll pass: (box, daemon). With nothing to restore, that pass has pushed everything to the
-    modules and the bus is at rest."""
-    box = make_box(mode)
+def start_ready(make_box, tavid, mode: str, *args, prepare=None, box: tavisim.Box | None = None,
+                at_rest: bool = False):
+    """A box of this mode (a new one unless given), made ready by prepare(box), and a daemon on
+    it that has made its first poll pass: (box, daemon). With nothing to restore, that pass has
+    pushed everything to the modules and the bus is at rest; at_rest also waits for the bus to
+    come to rest, as it must after settings were restored."""
+    box = box or make_box(mode)
+    if prepare is not None:
+        prepare(box)
     daemon = tavid(box, ["-m", mode, *args])
     ready(box, daemon)
+    if at_rest:
+        settle(box)
     return box, daemon
 
 
-def answers(daemon: Daemon, mode: str = "rf"):
-    """The daemon serves a request that needs no module: its device and output mode."""
-    expected = json.dumps({"result": {"output_mode": mode, "device_id": "0"}}, separators=(",", ":"))
-    assert send(daemon, "get", "device", device_id="0") == expected.encode()
+# ---------------------------------------------------------------------------------------------
+# What the modules hold and took
 
 
-def rf_frequency(daemon: Daemon, output_id: str = "0") -> str:
-    """An RF output's frequency as the daemon answers it (its getter reads the module)."""
-    reply = json.loads(send(daemon, "get", "output_rf_mod", output_id=output_id))
-    return reply["result"]["frequency"]
+# The modules behind the HDMI inputs, by input number.
+INPUT_MODULES = {"rf": (0x30, 0x31, 0x32, 0x33), "ip_spts": (0x32,), "ip_mpts": (0x30, 0x31, 0x32, 0x33)}
 
 
 def module_parameters(box: tavisim.Box, addr: int, group: str = "applied") -> dict:
     """The parameters a module holds: "applied" (in use) or "settings" (staged by set
     commands, what its gets read)."""
     return box.module(addr).state()[group]["parameters"]
+
+
+def slots(box: tavisim.Box, addr: int) -> list:
+    """The extra-service slots the module holds, whether or not an apply took them into use."""
+    return box.module(addr).state()["settings"]["extra_services"]
+
+
+def took(box: tavisim.Box, addr: int, command: str) -> bool:
+    """The module has taken a frame of this command since its log was last cleared."""
+    return any(entry["command"] == command for entry in box.module(addr).commands())
+
+
+# ---------------------------------------------------------------------------------------------
+# The streaming program of the IP modes
+
+
+def destination(daemon: Daemon, addr: str, port: str):
+    assert send(daemon, "set", "output_ip_dst", output_id="0", dst_addr=addr, dst_port=port) == b"{}"
+
+
+def switch(daemon: Daemon, tag: str, enabled: str):
+    """Switches the IP output's service with this tag on ("1") or off ("0")."""
+    assert send(daemon, "set", "output_ip_services", output_id="0", service_tag=tag, enabled=enabled) == b"{}"
+
+
+def started_for(box: tavisim.Box, addr: str) -> list:
+    """The runs of the program that were started for this destination address."""
+    return [run for run in box.qel2ip_runs() if run["argv"][2] == addr]
+
+
+def stream(box: tavisim.Box, daemon: Daemon, addr: str, port: str, tag: str) -> dict:
+    """Sets the destination and switches the service on: the apply starts the program, whose
+    run this is."""
+    destination(daemon, addr, port)
+    switch(daemon, tag, "1")
+    wait_for(lambda: started_for(box, addr), what="the program started")
+    (run,) = started_for(box, addr)
+    return run
+
+
+def events(box: tavisim.Box) -> list:
+    return [entry["event"] for entry in box.qel2ip_log()]
+
+
+def bitrate(daemon: Daemon) -> bytes:
+    return send(daemon, "get", "output_ip_status", output_id="0")
+
+
+def gone(pid: int) -> bool:
+    return not tavisim.process_running(pid)

@@ -6,19 +6,13 @@ import time
 
 import pytest
 
-
-from conftest import msg, request, wrn
+from conftest import contains, msg, request, wait_for, wrn
 
 FIRST_PASS_WARNINGS = (
     wrn("cmd_restore_settings", "Could not open settings file for restoring..."),
     wrn("main", "Could not restore settings..."),
 )
 DEVICE = b'{"action":"get","object":"device","args":{"device_id":"0"}}'
-
-
-def contains(output: bytes, *lines: bytes) -> bool:
-    """The output holds these lines in this order, with anything between them."""
-    return re.search(b"(?:.|\n)*?".join(lines), output, re.DOTALL) is not None
 
 
 def ready(daemon):
@@ -31,13 +25,6 @@ def _answers(daemon) -> bool:
         return request(daemon.port, DEVICE, wait=2) != b""
     except OSError:
         return False
-
-
-def wait_for(predicate, timeout=10.0):
-    deadline = time.monotonic() + timeout
-    while not predicate():
-        assert time.monotonic() < deadline, "condition not met in time"
-        time.sleep(0.02)
 
 
 def test_first_start_without_settings_warns_once(box, tavid):

@@ -5,11 +5,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import request
-
-
-def error(description: str) -> bytes:
-    return json.dumps({"errorCode": 5002, "description": description}, separators=(",", ":")).encode()
+from conftest import error, request
 
 
 def warning(description: str) -> bytes:

@@ -6,20 +6,12 @@ module missing."""
 import json
 import os
 import re
-import signal
-import subprocess
-import time
 from pathlib import Path
 
 import pytest
 
-from conftest import STOP_WAIT, err, matches, msg, request, tcp_listening, wrn
-
-MODES = ("rf", "ip_spts", "ip_mpts")
-
-# The modules on the bus by HDMI input number, and the modules of the RF outputs.
-INPUT_MODULES = {"rf": (0x30, 0x31, 0x32, 0x33), "ip_spts": (0x32,), "ip_mpts": (0x30, 0x31, 0x32, 0x33)}
-RF_OUTPUT_MODULES = (0x30, 0x32)
+from conftest import (INPUT_MODULES, MODES, err, error, get, matches, module_parameters, msg, send, settle,
+                      start_ready, tcp_listening, wait_for, wrn)
 
 # The id key of every object that stands for a HAL instance, and how many instances each mode has.
 OBJECTS = {
@@ -69,79 +61,8 @@ IP_SYNC_PUSH = ["set_tsid", "set_onid", "set_nid", "set_private_data_specifier",
                 "set_network_version"] + ["set_extra_service_info_enable"] * 3
 
 
-@pytest.fixture
-def tavid(tavid):
-    """The harness's daemon factory, with every daemon still running at the end stopped
-    gracefully first, so that it stops its streaming child before the box goes away."""
-    started = []
-
-    def start(*args, **kwargs):
-        daemon = tavid(*args, **kwargs)
-        started.append(daemon)
-        return daemon
-
-    yield start
-    for daemon in started:
-        if daemon.running():
-            daemon.send_signal(signal.SIGTERM)
-    for daemon in started:
-        try:
-            daemon.process.wait(STOP_WAIT)
-        except subprocess.TimeoutExpired:
-            pass  # killed by the harness
-
-
 # ---------------------------------------------------------------------------------------------
 # Helpers
-
-
-def send(daemon, action: str, obj: str, **args) -> bytes:
-    text = json.dumps({"action": action, "object": obj, "args": args}, separators=(",", ":"))
-    return request(daemon.port, text.encode())
-
-
-def get(daemon, obj: str, **args) -> dict:
-    return json.loads(send(daemon, "get", obj, **args))
-
-
-def error(description: str) -> bytes:
-    return json.dumps({"errorCode": 5002, "description": description}, separators=(",", ":")).encode()
-
-
-def wait_for(predicate, timeout: float = 10.0, what: str = "condition"):
-    deadline = time.monotonic() + timeout
-    while not predicate():
-        assert time.monotonic() < deadline, f"{what} not met within {timeout} s"
-        time.sleep(0.02)
-
-
-def ready(box, daemon):
-    """The first poll pass is over (settings restored, alarm LED cleared): the next request is
-    served after it."""
-    led = box.path(ALARM_LEDS[box.mode] + "/brightness")
-    wait_for(lambda: Path(led).read_text() == "0" or not daemon.running(), what="alarm LED cleared")
-    assert daemon.running(), daemon.stderr()
-
-
-def settle(box, quiet: float = 0.3, timeout: float = 15.0):
-    """Waits until the bus has been idle for `quiet` seconds: the poll cycle has nothing left."""
-    deadline = time.monotonic() + timeout
-    count, since = len(box.bus.transactions()), time.monotonic()
-    while time.monotonic() - since < quiet:
-        assert time.monotonic() < deadline, "the bus did not come to rest"
-        time.sleep(0.02)
-        now = len(box.bus.transactions())
-        if now != count:
-            count, since = now, time.monotonic()
-
-
-def start(make_box, tavid, mode: str, *args, prepare=None):
-    box = make_box(mode)
-    if prepare is not None:
-        prepare(box)
-    daemon = tavid(box, ["-m", mode, *args])
-    ready(box, daemon)
-    return box, daemon
 
 
 def commands(box) -> list:
@@ -174,7 +95,7 @@ def instances(mode: str, obj: str) -> int:
 
 @pytest.mark.parametrize("mode", MODES)
 def test_a_get_without_id_returns_every_instance_with_its_id(make_box, tavid, mode):
-    _, daemon = start(make_box, tavid, mode)
+    _, daemon = start_ready(make_box, tavid, mode)
     for obj, key in OBJECTS.items():
         count = instances(mode, obj)
         reply = send(daemon, "get", obj)
@@ -186,7 +107,7 @@ def test_a_get_without_id_returns_every_instance_with_its_id(make_box, tavid, mo
 
 @pytest.mark.parametrize("mode", MODES)
 def test_service_and_stream_lists_of_all_instances_are_joined(make_box, tavid, mode):
-    _, daemon = start(make_box, tavid, mode)
+    _, daemon = start_ready(make_box, tavid, mode)
     inputs = COUNTS[mode]["input"]
     assert ids(get(daemon, "input_hdmi_services"), "input_id") == [str(n) for n in range(inputs)]
     assert ids(get(daemon, "input_hdmi_streams"), "input_id") == [str(n) for n in range(inputs) for _ in "av"]
@@ -199,14 +120,14 @@ def test_service_and_stream_lists_of_all_instances_are_joined(make_box, tavid, m
 
 @pytest.mark.parametrize("mode", MODES)
 def test_an_unknown_instance_number_returns_every_instance(make_box, tavid, mode):
-    _, daemon = start(make_box, tavid, mode)
+    _, daemon = start_ready(make_box, tavid, mode)
     assert ids(get(daemon, "input_hdmi_enc", input_id="7"), "input_id") == [
         str(n) for n in range(COUNTS[mode]["input"])]
     assert get(daemon, "device", device_id="0x0") == {"result": {"output_mode": mode, "device_id": "0"}}
 
 
 def test_the_rf_outputs_answer_by_hexadecimal_id_and_a_leading_zero_is_no_number(make_box, tavid):
-    _, daemon = start(make_box, tavid, "rf")
+    _, daemon = start_ready(make_box, tavid, "rf")
     assert get(daemon, "output_rf_status", output_id="0x1")["result"]["output_id"] == "1"
     assert ids(get(daemon, "output_rf_status", output_id="08"), "output_id") == ["0", "1"]
 
@@ -217,7 +138,7 @@ def test_the_rf_outputs_answer_by_hexadecimal_id_and_a_leading_zero_is_no_number
 
 @pytest.mark.parametrize("mode", MODES)
 def test_transport_streams_services_and_streams_carry_their_creation_tags(make_box, tavid, mode):
-    _, daemon = start(make_box, tavid, mode)
+    _, daemon = start_ready(make_box, tavid, mode)
     inputs = get(daemon, "input_hdmi")["arrayedResult"]
     assert [element["ts"]["ts_tag"] for element in inputs] == list(INPUT_TS_TAGS[mode])
     for element in inputs:
@@ -249,7 +170,7 @@ def mark_modules(box):
 
 @pytest.mark.parametrize("mode", MODES)
 def test_each_hdmi_input_reads_its_own_module(make_box, tavid, mode):
-    _, daemon = start(make_box, tavid, mode, prepare=mark_modules)
+    _, daemon = start_ready(make_box, tavid, mode, prepare=mark_modules)
     for number, addr in enumerate(INPUT_MODULES[mode]):
         result = get(daemon, "input_hdmi", input_id=str(number))["result"]
         assert result["video_gopsize"] == str(addr)
@@ -257,7 +178,7 @@ def test_each_hdmi_input_reads_its_own_module(make_box, tavid, mode):
 
 
 def test_rf_output_0_modulates_on_module_0_and_output_1_on_module_2(make_box, tavid):
-    _, daemon = start(make_box, tavid, "rf", prepare=mark_modules)
+    _, daemon = start_ready(make_box, tavid, "rf", prepare=mark_modules)
     mods = [get(daemon, "output_rf_mod", output_id=str(n))["result"] for n in (0, 1)]
     # The level byte 30 reads back less the offset of the module's frequency band: 10 dB at
     # 1000000 kHz and above, 8 dB between 500001 and 999999 kHz.
@@ -265,20 +186,19 @@ def test_rf_output_0_modulates_on_module_0_and_output_1_on_module_2(make_box, ta
 
 
 def test_an_rf_output_passes_its_ts_identity_to_the_multiplexer_that_feeds_it(make_box, tavid):
-    box, daemon = start(make_box, tavid, "rf")
+    box, daemon = start_ready(make_box, tavid, "rf")
     settle(box)
     # The service of HDMI input 1 switched on on output 1 only: the multiplexer behind
     # output 1 makes that input its master and gives its module output 1's identity.
     assert send(daemon, "set", "output_rf_ts", output_id="1", tsid="0x77", network_name="one") == b"{}"
     assert send(daemon, "set", "output_rf_ts", output_id="0", tsid="0x55", network_name="zero") == b"{}"
     assert send(daemon, "set", "output_rf_services", output_id="1", service_tag="2", enabled="1") == b"{}"
-    module = box.module(0x31)
-    wait_for(lambda: module.state()["applied"]["parameters"]["tsid"] == 0x77, what="identity applied")
+    wait_for(lambda: module_parameters(box, 0x31)["tsid"] == 0x77, what="identity applied")
     settle(box)
-    parameters = module.state()["applied"]["parameters"]
+    parameters = module_parameters(box, 0x31)
     assert (parameters["tsid"], parameters["network_name"]) == (0x77, "one")
-    assert [(mod.addr, mod.state()["applied"]["parameters"]["tsid"]) for mod in box.modules.values()
-            if mod.addr != 0x31] == [(0x30, 1), (0x32, 1), (0x33, 1)]
+    assert [(addr, module_parameters(box, addr)["tsid"]) for addr in box.modules
+            if addr != 0x31] == [(0x30, 1), (0x32, 1), (0x33, 1)]
 
 
 # ---------------------------------------------------------------------------------------------
@@ -306,7 +226,7 @@ def expected_first_poll(mode: str) -> list:
 
 @pytest.mark.parametrize("mode", MODES)
 def test_modules_are_read_from_the_highest_number_down_and_applied_in_index_order(make_box, tavid, mode):
-    box, daemon = start(make_box, tavid, mode)
+    box, daemon = start_ready(make_box, tavid, mode)
     settle(box)
     build = expected_build(mode)
     log = commands(box)
@@ -316,7 +236,7 @@ def test_modules_are_read_from_the_highest_number_down_and_applied_in_index_orde
 
 @pytest.mark.parametrize("mode", MODES)
 def test_the_multiplexer_chips_and_their_reset_lines_are_left_alone(make_box, tavid, mode):
-    box, _ = start(make_box, tavid, mode)
+    box, _ = start_ready(make_box, tavid, mode)
     settle(box)
     assert {transfer.addr for transfer in box.bus.transactions()} == set(INPUT_MODULES[mode])
     for gpio in (17, 193, 196):
@@ -335,14 +255,14 @@ def init_lines(mode: str, absent: int | None = None) -> list:
 
 @pytest.mark.parametrize("mode", MODES)
 def test_verbose_start_logs_the_assembly(make_box, tavid, mode):
-    box, daemon = start(make_box, tavid, mode, "-v")
+    box, daemon = start_ready(make_box, tavid, mode, "-v")
     out = daemon.stdout()
     assert re.match(b"".join(init_lines(mode)) + msg("</INIT_HAL> Done") + re.escape(b"\n\r"), out), out[:2000]
 
 
 @pytest.mark.parametrize("mode", MODES)
 def test_a_quiet_start_logs_no_messages(make_box, tavid, mode):
-    box, daemon = start(make_box, tavid, mode)
+    box, daemon = start_ready(make_box, tavid, mode)
     settle(box)
     assert daemon.stdout() == b""
 
@@ -386,7 +306,7 @@ def test_a_missing_module_fails_the_assembly_and_the_daemon_ends(make_box, tavid
 
 
 def test_a_module_missing_after_the_inputs_were_read_only_fails_its_commands(make_box, tavid):
-    box, daemon = start(make_box, tavid, "rf")
+    box, daemon = start_ready(make_box, tavid, "rf")
     settle(box)
     box.bus.set_absent(0x32)
     reply = send(daemon, "get", "output_rf_mod", output_id="1")
@@ -406,7 +326,7 @@ def test_the_device_clears_its_modes_alarm_led_and_reads_its_modes_sensor(make_b
         Path(box.path(HWMON)).write_text("30999\n")
         Path(box.path(THERMAL)).write_text("61000\n")
 
-    box, daemon = start(make_box, tavid, mode, prepare=sensors)
+    box, daemon = start_ready(make_box, tavid, mode, prepare=sensors)
     leds = box.leds()["leds"]
     assert leds[ALARM_LEDS[mode]] == {"brightness": "0", "trigger": "none"}
     assert leds[OTHER_LED[mode]] == {"brightness": "1\n", "trigger": "heartbeat\n"}

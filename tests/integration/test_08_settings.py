@@ -6,19 +6,16 @@ import json
 import os
 import re
 import signal
-import subprocess
 import time
 from pathlib import Path
 
 import pytest
 
 import tavisim
-from conftest import STOP_WAIT, msg, request, tcp_listening, wrn
+from conftest import (MODES, UNSUCCESSFUL, count, error, get, led_cleared, msg, record_arg, request,
+                      restarted_pid, send, settle, start_ready, tcp_listening, wait_for, wrn)
 
-MODES = ("rf", "ip_spts", "ip_mpts")
-ALARM_LEDS = {"rf": "sys/class/leds/rgb_red", "ip_spts": "storage", "ip_mpts": "sys/class/leds/rgb_red"}
 SETTINGS = "data/settings.conf"
-UNSUCCESSFUL = b'{"warningCode":1103,"description":"JSON command unsuccessful (error: %d)"}'
 STORE = b'{"action":"execute","object":"store_settings","args":{}}'
 RESTORE = b'{"action":"execute","object":"restore_settings","args":{}}'
 ANY_RESTORE_WARNING = wrn("cmd_restore_settings", "Could not restore: ").replace(re.escape(b"\x1b[0m\n\r"), b"")
@@ -36,72 +33,8 @@ STATE_OBJECTS = {
 }
 
 
-@pytest.fixture
-def tavid(tavid):
-    """The harness's daemon factory, with every daemon still running at the end stopped
-    gracefully first, so that it stops its streaming child before the box goes away."""
-    started = []
-
-    def start(*args, **kwargs):
-        daemon = tavid(*args, **kwargs)
-        started.append(daemon)
-        return daemon
-
-    yield start
-    for daemon in started:
-        if daemon.running():
-            daemon.send_signal(signal.SIGTERM)
-    for daemon in started:
-        try:
-            daemon.process.wait(STOP_WAIT)
-        except subprocess.TimeoutExpired:
-            pass  # killed by the harness
-
-
 # ---------------------------------------------------------------------------------------------
 # Helpers
-
-
-def send(daemon, action: str, obj: str, **args) -> bytes:
-    text = json.dumps({"action": action, "object": obj, "args": args}, separators=(",", ":"))
-    return request(daemon.port, text.encode())
-
-
-def get(daemon, obj: str, **args) -> dict:
-    return json.loads(send(daemon, "get", obj, **args))
-
-
-def error(description: str) -> bytes:
-    return json.dumps({"errorCode": 5002, "description": description}, separators=(",", ":")).encode()
-
-
-def wait_for(predicate, timeout: float = 10.0, what: str = "condition"):
-    deadline = time.monotonic() + timeout
-    while not predicate():
-        assert time.monotonic() < deadline, f"{what} not met within {timeout} s"
-        time.sleep(0.02)
-
-
-def led_cleared(box, mode: str) -> bool:
-    return Path(box.path(ALARM_LEDS[mode] + "/brightness")).read_text() == "0"
-
-
-def ready(box, daemon):
-    """The first poll pass is over (settings restored, alarm LED cleared)."""
-    wait_for(lambda: led_cleared(box, box.mode) or not daemon.running(), what="alarm LED cleared")
-    assert daemon.running(), daemon.stderr()
-
-
-def settle(box, quiet: float = 0.3, timeout: float = 15.0):
-    """Waits until the bus has been idle for `quiet` seconds: the poll cycle has nothing left."""
-    deadline = time.monotonic() + timeout
-    count, since = len(box.bus.transactions()), time.monotonic()
-    while time.monotonic() - since < quiet:
-        assert time.monotonic() < deadline, "the bus did not come to rest"
-        time.sleep(0.02)
-        now = len(box.bus.transactions())
-        if now != count:
-            count, since = now, time.monotonic()
 
 
 def defaults(box, mode: str) -> bytes:
@@ -126,29 +59,15 @@ def restore_warning(record: bytes) -> bytes:
     return wrn("cmd_restore_settings", "Could not restore: " + record.decode())
 
 
-def count(pattern: bytes, output: bytes) -> int:
-    return len(re.findall(pattern, output))
-
-
 def start(make_box, tavid, mode: str, *args, settings: bytes | None = None, box=None):
-    box = box or make_box(mode)
-    if settings is not None:
-        put_settings(box, settings)
-    daemon = tavid(box, ["-m", mode, *args])
-    ready(box, daemon)
-    settle(box)
-    return box, daemon
+    """A daemon ready on the box (a new one unless given) with these settings stored (None: no
+    settings file), and the bus at rest after their restore: (box, daemon)."""
+    prepare = None if settings is None else (lambda box: put_settings(box, settings))
+    return start_ready(make_box, tavid, mode, *args, prepare=prepare, box=box, at_rest=True)
 
 
 def state(daemon, mode: str) -> dict:
     return {obj: send(daemon, "get", obj) for obj in STATE_OBJECTS[mode]}
-
-
-def record_arg(daemon) -> str:
-    """The walk of the encoder's arguments records "video_gopsize" last: the name that the
-    next error without a name of its own quotes."""
-    assert get(daemon, "input_hdmi_enc", input_id="0")["result"]["input_id"] == "0"
-    return "video_gopsize"
 
 
 # ---------------------------------------------------------------------------------------------
@@ -232,7 +151,7 @@ def test_a_daemon_started_again_on_the_same_root_answers_the_same(make_box, tavi
     settle(box)
     before, text = state(first, mode), stored(box)
     assert first.stop() == 0
-    Path(box.path(ALARM_LEDS[mode] + "/brightness")).write_text("1\n")
+    Path(box.path(tavisim.ALARM_LEDS[mode] + "/brightness")).write_text("1\n")
     box, second = start(make_box, tavid, mode, box=box)
     assert state(second, mode) == before
     assert stored(box) == text
@@ -359,19 +278,11 @@ def test_a_failing_reboot_fails_the_reset_after_the_files_are_gone(make_box, tav
 # A change of output mode
 
 
-def restarted_pid(box) -> int | None:
-    try:
-        pids = Path(box.path("tavid.pid")).read_text().split()
-    except FileNotFoundError:
-        return None
-    return int(pids[-1]) if pids else None
-
-
 @pytest.mark.parametrize("mode, new", [("rf", "ip_spts"), ("rf", "ip_mpts"), ("ip_mpts", "rf"),
                                        ("ip_mpts", "ip_spts")])
 def test_a_mode_change_restarts_the_daemon_in_the_new_mode_with_its_defaults(make_box, tavid, mode, new):
     box, daemon = start(make_box, tavid, mode)
-    for led in set(ALARM_LEDS.values()):
+    for led in set(tavisim.ALARM_LEDS.values()):
         Path(box.path(led + "/brightness")).write_text("1\n")
     assert send(daemon, "execute", "device", device_id="0", output_mode=new) == b"{}"
     assert daemon.wait() == 0

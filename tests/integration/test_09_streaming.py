@@ -3,78 +3,24 @@ IP output is switched on, restarted for a new destination, stopped with SIGTERM 
 it ignores that), its bit rate read from its statistics file, and what happens when it is
 missing."""
 
-import json
 import os
 import re
-import signal
-import subprocess
 import time
 from pathlib import Path
 
 import pytest
 
-import tavisim
-from conftest import STOP_WAIT, msg, request, wrn
+from conftest import (UNSUCCESSFUL, bitrate, count, destination, events, gone, msg, start_ready, stream, switch,
+                      wait_for, wrn)
 
 IP_MODES = ("ip_spts", "ip_mpts")
-ALARM_LEDS = {"ip_spts": "storage", "ip_mpts": "sys/class/leds/rgb_red"}
 UNITS = {"ip_spts": "0", "ip_mpts": "4"}
-# The services of the IP output, by mode: the one of HDMI input 0 first.
-SERVICE_TAGS = {"ip_spts": ("0",), "ip_mpts": ("3", "2", "1", "0")}
-UNSUCCESSFUL = b'{"warningCode":1103,"description":"JSON command unsuccessful (error: 13)"}'
-
-
-@pytest.fixture
-def tavid(tavid):
-    """The harness's daemon factory, with every daemon still running at the end stopped
-    gracefully first, so that it stops its streaming child before the box goes away."""
-    started = []
-
-    def start(*args, **kwargs):
-        daemon = tavid(*args, **kwargs)
-        started.append(daemon)
-        return daemon
-
-    yield start
-    for daemon in started:
-        if daemon.running():
-            daemon.send_signal(signal.SIGTERM)
-    for daemon in started:
-        try:
-            daemon.process.wait(STOP_WAIT)
-        except subprocess.TimeoutExpired:
-            pass  # killed by the harness
+# The IP output's service of HDMI input 0, by mode.
+FIRST_SERVICE = {"ip_spts": "0", "ip_mpts": "3"}
 
 
 # ---------------------------------------------------------------------------------------------
 # Helpers
-
-
-def send(daemon, action: str, obj: str, **args) -> bytes:
-    text = json.dumps({"action": action, "object": obj, "args": args}, separators=(",", ":"))
-    return request(daemon.port, text.encode())
-
-
-def wait_for(predicate, timeout: float = 10.0, what: str = "condition"):
-    deadline = time.monotonic() + timeout
-    while not predicate():
-        assert time.monotonic() < deadline, f"{what} not met within {timeout} s"
-        time.sleep(0.02)
-
-
-def start(make_box, tavid, mode: str, *args, prepare=None):
-    box = make_box(mode)
-    if prepare is not None:
-        prepare(box)
-    daemon = tavid(box, ["-m", mode, *args])
-    led = box.path(ALARM_LEDS[mode] + "/brightness")
-    wait_for(lambda: Path(led).read_text() == "0" or not daemon.running(), what="alarm LED cleared")
-    assert daemon.running(), daemon.stderr()
-    return box, daemon
-
-
-def switch(daemon, tag: str, enabled: str):
-    assert send(daemon, "set", "output_ip_services", output_id="0", service_tag=tag, enabled=enabled) == b"{}"
 
 
 def runs(box) -> list:
@@ -85,33 +31,8 @@ def running(box) -> list:
     return [run for run in box.qel2ip_runs() if run["running"]]
 
 
-def events(box) -> list:
-    return [entry["event"] for entry in box.qel2ip_log()]
-
-
 def argv(box, addr: str, port: str, unit: str) -> list:
     return [box.path("opt/bin/qel2ip"), "-d", addr, "-p", port, "-i", unit]
-
-
-def bitrate(daemon) -> bytes:
-    return send(daemon, "get", "output_ip_status", output_id="0")
-
-
-def count(pattern: bytes, output: bytes) -> int:
-    return len(re.findall(pattern, output))
-
-
-def destination(daemon, addr: str, port: str):
-    assert send(daemon, "set", "output_ip_dst", output_id="0", dst_addr=addr, dst_port=port) == b"{}"
-
-
-def stream(box, daemon, mode: str, addr="239.1.2.3", port="1234") -> dict:
-    """Sets the destination, switches the output's first service on and waits for the child."""
-    destination(daemon, addr, port)
-    switch(daemon, SERVICE_TAGS[mode][0], "1")
-    wait_for(lambda: len(running(box)) == 1, what="streaming program running")
-    (run,) = running(box)
-    return run
 
 
 def logged(daemon, pattern: bytes, times: int = 1):
@@ -121,22 +42,18 @@ def logged(daemon, pattern: bytes, times: int = 1):
     assert count(pattern, daemon.stdout()) == times, daemon.stdout()
 
 
-def gone(pid: int) -> bool:
-    return not tavisim.process_running(pid)
-
-
 # ---------------------------------------------------------------------------------------------
 # Start and stop
 
 
 @pytest.mark.parametrize("mode", IP_MODES)
 def test_a_switched_on_service_starts_the_program_with_the_destination_and_no_environment(make_box, tavid, mode):
-    box, daemon = start(make_box, tavid, mode, "-v")
+    box, daemon = start_ready(make_box, tavid, mode, "-v")
     destination(daemon, "239.1.2.3", "1234")
     time.sleep(0.2)
     # A destination alone starts nothing: no service is switched on.
     assert runs(box) == []
-    switch(daemon, SERVICE_TAGS[mode][0], "1")
+    switch(daemon, FIRST_SERVICE[mode], "1")
     wait_for(lambda: len(runs(box)) == 1, what="streaming program started")
     (run,) = runs(box)
     unit = UNITS[mode]
@@ -150,10 +67,10 @@ def test_a_switched_on_service_starts_the_program_with_the_destination_and_no_en
 
 @pytest.mark.parametrize("mode", IP_MODES)
 def test_switching_every_service_off_stops_the_program_with_sigterm(make_box, tavid, mode):
-    box, daemon = start(make_box, tavid, mode, "-v")
-    run = stream(box, daemon, mode)
+    box, daemon = start_ready(make_box, tavid, mode, "-v")
+    run = stream(box, daemon, "239.1.2.3", "1234", FIRST_SERVICE[mode])
     pid = run["pid"]
-    switch(daemon, SERVICE_TAGS[mode][0], "0")
+    switch(daemon, FIRST_SERVICE[mode], "0")
     wait_for(lambda: gone(pid), what="streaming program stopped")
     logged(daemon, msg(f"Stopping qel2ip... (PID {pid})") + msg(f"Qel2ip stopped with SIGTERM (PID {pid})"))
     assert events(box) == ["start"]
@@ -165,8 +82,8 @@ def test_switching_every_service_off_stops_the_program_with_sigterm(make_box, ta
 
 
 def test_every_apply_with_a_service_switched_on_starts_the_program_again(make_box, tavid):
-    box, daemon = start(make_box, tavid, "ip_mpts", "-v")
-    first = stream(box, daemon, "ip_mpts")
+    box, daemon = start_ready(make_box, tavid, "ip_mpts", "-v")
+    first = stream(box, daemon, "239.1.2.3", "1234", FIRST_SERVICE["ip_mpts"])
     switch(daemon, "2", "1")
     wait_for(lambda: len(runs(box)) == 2 and len(running(box)) == 1, what="second start")
     switch(daemon, "3", "0")
@@ -182,8 +99,8 @@ def test_every_apply_with_a_service_switched_on_starts_the_program_again(make_bo
 
 @pytest.mark.parametrize("mode", IP_MODES)
 def test_a_new_destination_stops_the_running_program_and_starts_it_again(make_box, tavid, mode):
-    box, daemon = start(make_box, tavid, mode, "-v")
-    old = stream(box, daemon, mode)["pid"]
+    box, daemon = start_ready(make_box, tavid, mode, "-v")
+    old = stream(box, daemon, "239.1.2.3", "1234", FIRST_SERVICE[mode])["pid"]
     destination(daemon, "239.7.7.7", "7000")
     wait_for(lambda: len(runs(box)) == 2 and len(running(box)) == 1, what="restart")
     new = running(box)[0]
@@ -196,8 +113,8 @@ def test_a_new_destination_stops_the_running_program_and_starts_it_again(make_bo
 
 @pytest.mark.parametrize("mode", IP_MODES)
 def test_the_program_stops_with_the_daemon(make_box, tavid, mode):
-    box, daemon = start(make_box, tavid, mode, "-v")
-    pid = stream(box, daemon, mode)["pid"]
+    box, daemon = start_ready(make_box, tavid, mode, "-v")
+    pid = stream(box, daemon, "239.1.2.3", "1234", FIRST_SERVICE[mode])["pid"]
     assert daemon.stop() == 0
     assert gone(pid)
     assert re.search(msg(f"Stopping qel2ip... (PID {pid})") + msg(f"Qel2ip stopped with SIGTERM (PID {pid})"),
@@ -210,7 +127,7 @@ def test_the_factory_settings_stream_from_the_start(make_box, tavid, mode):
         Path(box.path("data/settings.conf")).write_bytes(
             Path(box.path(f"opt/bin/default_settings_{mode}.conf")).read_bytes())
 
-    box, daemon = start(make_box, tavid, mode, prepare=factory)
+    box, daemon = start_ready(make_box, tavid, mode, prepare=factory)
     wait_for(lambda: len(running(box)) == 1, what="streaming program running")
     # Every service of the output is switched on at the factory: one start per apply that
     # found a service on, the last one still running.
@@ -231,9 +148,9 @@ def test_a_missing_program_is_warned_about_and_nothing_is_started(make_box, tavi
         else:
             os.chmod(program, 0o644)
 
-    box, daemon = start(make_box, tavid, mode, "-v", prepare=spoil)
+    box, daemon = start_ready(make_box, tavid, mode, "-v", prepare=spoil)
     destination(daemon, "239.1.2.3", "1234")
-    switch(daemon, SERVICE_TAGS[mode][0], "1")
+    switch(daemon, FIRST_SERVICE[mode], "1")
     line = wrn("hal_qel2ip_start", "Qel2ip does not exist or is not executable")
     wait_for(lambda: count(line, daemon.stderr()) == 1, what="warning")
     assert runs(box) == []
@@ -247,11 +164,11 @@ def test_a_missing_program_is_warned_about_and_nothing_is_started(make_box, tavi
 
 @pytest.mark.parametrize("mode", IP_MODES)
 def test_a_program_that_ignores_sigterm_is_killed_after_about_5_s(make_box, tavid, mode):
-    box, daemon = start(make_box, tavid, mode, "-v")
+    box, daemon = start_ready(make_box, tavid, mode, "-v")
     box.configure_qel2ip(ignore_sigterm=True)
-    pid = stream(box, daemon, mode)["pid"]
+    pid = stream(box, daemon, "239.1.2.3", "1234", FIRST_SERVICE[mode])["pid"]
     started = time.monotonic()
-    switch(daemon, SERVICE_TAGS[mode][0], "0")
+    switch(daemon, FIRST_SERVICE[mode], "0")
     sigterm = wrn("hal_qel2ip_stop", f"Could not stop qel2ip with SIGTERM (PID {pid})")
     wait_for(lambda: count(sigterm, daemon.stderr()) == 1, timeout=15, what="SIGTERM given up")
     waited = time.monotonic() - started
@@ -275,16 +192,16 @@ def test_a_program_that_ignores_sigterm_is_killed_after_about_5_s(make_box, tavi
 @pytest.mark.parametrize("text, reply, warning", [
     ("12.5", b'{"result":{"bitrate":"12500","output_id":"0"}}', None),
     ("0.75", b'{"result":{"bitrate":"750","output_id":"0"}}', None),
-    ("12.5\n", UNSUCCESSFUL, "Couldn't convert bitrate from '{}'"),
-    ("fast", UNSUCCESSFUL, "Couldn't convert bitrate from '{}'"),
-    ("", UNSUCCESSFUL, "Couldn't read '{}'"),
-    (None, UNSUCCESSFUL, "Couldn't open '{}'"),
+    ("12.5\n", UNSUCCESSFUL % 13, "Couldn't convert bitrate from '{}'"),
+    ("fast", UNSUCCESSFUL % 13, "Couldn't convert bitrate from '{}'"),
+    ("", UNSUCCESSFUL % 13, "Couldn't read '{}'"),
+    (None, UNSUCCESSFUL % 13, "Couldn't open '{}'"),
 ], ids=["rate", "fraction", "newline", "text", "empty", "missing"])
 def test_the_bitrate_is_read_from_the_statistics_file_while_the_program_runs(make_box, tavid, mode, text, reply,
                                                                             warning):
-    box, daemon = start(make_box, tavid, mode)
+    box, daemon = start_ready(make_box, tavid, mode)
     unit = UNITS[mode]
-    stream(box, daemon, mode)
+    stream(box, daemon, "239.1.2.3", "1234", FIRST_SERVICE[mode])
     wait_for(lambda: box.qel2ip_stats().get(unit) == "12.5", what="statistics written")
     box.set_qelstat(unit, text)
     assert bitrate(daemon) == reply

@@ -9,17 +9,15 @@ transfer is "hdmi i2c error", a broken reply frame "hdmi reply invalid", and the
 argument out of bounds" and "hdmi command error". Error byte 2 ("command unknown") is silent
 and counts as done, and a reply that echoes the wrong code is taken as it is."""
 
-import json
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 from pathlib import Path
 
 import pytest
 
-from conftest import (START_WAIT, TS_TRACES, answers, err_line, log_lines, module_parameters, new_log_lines,
-                      ready, rf_frequency, send, settle, start_ready, tcp_listening, wait_for, wrn_line)
-
-UNSUCCESSFUL = b'{"warningCode":1103,"description":"JSON command unsuccessful (error: %d)"}'
+from conftest import (START_WAIT, TS_TRACES, UNSUCCESSFUL, answers, err_line, get, log_lines, module_parameters,
+                      new_log_lines, ready, rf_frequency, send, settle, slots, start_ready, tcp_listening, took,
+                      wait_for, wrn_line)
 
 # Command codes of the module protocol.
 SET_FREQUENCY = 0x03
@@ -142,10 +140,6 @@ def applies(box, addr: int) -> int:
     return box.module(addr).state()["applies"]
 
 
-def took(box, addr: int, command: str) -> bool:
-    return any(entry["command"] == command for entry in box.module(addr).commands())
-
-
 # ---------------------------------------------------------------------------------------------
 # At start-up
 
@@ -170,8 +164,8 @@ NO_SETTINGS_FILE = [wrn_line("cmd_restore_settings", "Could not open settings fi
 
 def input_1(daemon) -> tuple:
     """HDMI input 1's GOP size, SID and service name, as its module gave them at start."""
-    gop = json.loads(send(daemon, "get", "input_hdmi_enc", input_id="1"))["result"]["video_gopsize"]
-    (service,) = json.loads(send(daemon, "get", "input_hdmi_services", input_id="1"))["arrayedResult"]
+    gop = get(daemon, "input_hdmi_enc", input_id="1")["result"]["video_gopsize"]
+    (service,) = get(daemon, "input_hdmi_services", input_id="1")["arrayedResult"]
     return gop, service["sid"], service["service_name"]
 
 
@@ -285,10 +279,6 @@ def psi(box, addr: int) -> list:
     return [(service["slot"], service["sid"], service["service_name"]) for service in services]
 
 
-def first_slot(box, addr: int) -> dict:
-    return box.module(addr).state()["settings"]["extra_services"][0]
-
-
 def announced(sid: int | None) -> list:
     """Module 0x30's own service, and input 1's in its first slot under this SID (None: no
     slot announced)."""
@@ -328,7 +318,7 @@ def test_a_module_fault_during_a_psi_sync(make_box, tavid, fault):
     # An absent module also fails input 0's apply, which is tried again until it is mended.
     retried = [wrn_line("mod_tarn_apply", f"mod_tarn_0 - Could not apply ({fault.error})")] * len(rest)
     assert (lines[:len(expected)], rest) == (expected, retried if fault.name == "absent" else [])
-    slot = first_slot(box, 0x30)
+    slot = slots(box, 0x30)[0]
     if fault.error is not None:
         assert (slot["enable"], slot["sid"]) == (0, 2 if fault.carried_out else 0)
         assert psi(box, 0x30) == announced(None)

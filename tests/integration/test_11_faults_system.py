@@ -20,15 +20,14 @@ from pathlib import Path
 
 import pytest
 
-import tavisim
-from conftest import (REPLY_WAIT, _connect, _read_until_closed, answers, module_parameters, msg, new_log_lines,
-                      ready, request, restarted_pid, rf_frequency, send, settle, start_ready, tcp_accept_queue,
-                      tcp_listening, wait_for, wrn_line)
+from conftest import (REPLY_WAIT, UNSUCCESSFUL, _connect, _read_until_closed, answers, bitrate, contains,
+                      destination, events, get, gone, module_parameters, msg, new_log_lines, ready, request,
+                      restarted_pid, rf_frequency, send, settle, start_ready, started_for, stream,
+                      tcp_accept_queue, tcp_listening, took, wait_for, wrn_line)
 
 SIGNALS = (signal.SIGTERM, signal.SIGINT, signal.SIGUSR1)
 DEVICE = b'{"action":"get","object":"device","args":{"device_id":"0"}}'
 DEVICE_RF = b'{"result":{"output_mode":"rf","device_id":"0"}}'
-UNSUCCESSFUL = b'{"warningCode":1103,"description":"JSON command unsuccessful (error: %d)"}'
 
 NEW_FREQUENCY = 498000
 TRANSACTION_MS = 2000  # a module that stays busy while the test acts in its transaction
@@ -122,8 +121,7 @@ def test_a_signal_while_a_module_executes_a_command(make_box, tavid, sig):
     module.set_fault(busy_ms=TRANSACTION_MS)
     with ThreadPoolExecutor(1) as pool:
         pending = pool.submit(send, daemon, "set", "output_rf_mod", output_id="0", frequency=str(NEW_FREQUENCY))
-        wait_for(lambda: any(entry["command"] == "set_frequency" for entry in module.commands()),
-                 what="the frame taken")
+        wait_for(lambda: took(box, 0x30, "set_frequency"), what="the frame taken")
         signalled = time.time()
         daemon.send_signal(sig)
         module.clear_faults()  # the commands after this one find the module ready
@@ -191,9 +189,9 @@ def flood_wave(port: int, first: int) -> list:
             selector.register(client.sock, selectors.EVENT_WRITE, client)
         deadline = time.monotonic() + FLOOD_WAVE_TIME
         while selector.get_map() and time.monotonic() < deadline:
-            for key, events in selector.select(0.05):
+            for key, mask in selector.select(0.05):
                 client = key.data
-                if events & selectors.EVENT_WRITE:
+                if mask & selectors.EVENT_WRITE:
                     selector.unregister(client.sock)
                     if client.connected():
                         selector.register(client.sock, selectors.EVENT_READ, client)
@@ -326,40 +324,12 @@ def test_a_store_into_a_full_settings_directory(make_box, tavid, namespaces):
 BITRATE_NONE = b'{"result":{"bitrate":"0","output_id":"0"}}'
 BITRATE = b'{"result":{"bitrate":"12500","output_id":"0"}}'  # the stand-in's 12.5 Mbit/s
 PORT = "1234"
-
-
-def destination(daemon, addr: str):
-    assert send(daemon, "set", "output_ip_dst", output_id="0", dst_addr=addr, dst_port=PORT) == b"{}"
-
-
-def started_for(box, addr: str) -> list:
-    return [run for run in box.qel2ip_runs() if run["argv"][2] == addr]
-
-
-def stream(box, daemon, addr: str) -> dict:
-    """Sets the destination and switches the service on: the apply starts the program."""
-    destination(daemon, addr)
-    assert send(daemon, "set", "output_ip_services", output_id="0", service_tag="0", enabled="1") == b"{}"
-    wait_for(lambda: started_for(box, addr), what="the program started")
-    (run,) = started_for(box, addr)
-    return run
-
-
-def events(box) -> list:
-    return [entry["event"] for entry in box.qel2ip_log()]
-
-
-def bitrate(daemon) -> bytes:
-    return send(daemon, "get", "output_ip_status", output_id="0")
-
-
-def gone(pid: int) -> bool:
-    return not tavisim.process_running(pid)
+SERVICE = "0"
 
 
 def messages_since(daemon, since: int, *texts: str) -> bool:
     """The daemon's messages after the first `since` bytes hold these, in this order."""
-    return re.search(b"(?:.|\n)*?".join(msg(text) for text in texts), daemon.stdout()[since:], re.DOTALL) is not None
+    return contains(daemon.stdout()[since:], *(msg(text) for text in texts))
 
 
 def test_a_streaming_program_that_ends_by_itself(make_box, tavid):
@@ -370,12 +340,12 @@ def test_a_streaming_program_that_ends_by_itself(make_box, tavid):
     At the apply after that the old number is no process any more, and a new program starts."""
     box, daemon = start_ready(make_box, tavid, "ip_spts")
     box.configure_qel2ip(exit_status=1)
-    pid = stream(box, daemon, "239.1.2.3")["pid"]
+    pid = stream(box, daemon, "239.1.2.3", PORT, SERVICE)["pid"]
     wait_for(lambda: events(box) == ["start", "exit"] and gone(pid), what="the program ended")
     assert bitrate(daemon) == BITRATE
     box.configure_qel2ip()
     since = len(daemon.stderr())
-    destination(daemon, "239.1.2.4")
+    destination(daemon, "239.1.2.4", PORT)
     expected = [wrn_line("hal_qel2ip_stop", f"Could not stop qel2ip with SIGTERM (PID {pid})"),
                 wrn_line("hal_qel2ip_stop", f"Could not send SIGKILL to qel2ip (PID {pid})"),
                 wrn_line("hal_qel2ip_stop", f"Could not stop qel2ip with SIGKILL (PID {pid})"),
@@ -383,7 +353,7 @@ def test_a_streaming_program_that_ends_by_itself(make_box, tavid):
     wait_for(lambda: new_log_lines(daemon, since) == expected, what="the restart given up")
     assert len(box.qel2ip_runs()) == 1
     assert bitrate(daemon) == BITRATE_NONE
-    stream(box, daemon, "239.1.2.5")
+    stream(box, daemon, "239.1.2.5", PORT, SERVICE)
     wait_for(lambda: bitrate(daemon) == BITRATE, what="the new program's rate")
     assert new_log_lines(daemon, since) == expected
 
@@ -393,12 +363,12 @@ def test_a_streaming_program_killed_by_a_signal(make_box, tavid):
     running; then stopping it reaps it as ended by a signal, which is a stop, and the new
     program starts at once, without a warning."""
     box, daemon = start_ready(make_box, tavid, "ip_spts", "-v")
-    pid = stream(box, daemon, "239.1.2.3")["pid"]
+    pid = stream(box, daemon, "239.1.2.3", PORT, SERVICE)["pid"]
     os.kill(pid, signal.SIGKILL)
     wait_for(lambda: gone(pid), what="the program killed")
     assert bitrate(daemon) == BITRATE
     since, since_out = len(daemon.stderr()), len(daemon.stdout())
-    new = stream(box, daemon, "239.1.2.4")["pid"]
+    new = stream(box, daemon, "239.1.2.4", PORT, SERVICE)["pid"]
     wait_for(lambda: messages_since(daemon, since_out, "Starting qel2ip...", f"Qel2ip already running (PID {pid})",
                                     f"Stopping qel2ip... (PID {pid})", f"Qel2ip stopped with SIGTERM (PID {pid})",
                                     f"qel2ip started for destination 239.1.2.4:{PORT} (QEL: 0) (PID {new})"),
@@ -412,18 +382,18 @@ def test_a_streaming_program_missing_when_it_is_restarted(make_box, tavid):
     then warns that the program does not exist and starts nothing; the rate is 0 again. With
     the file back, the apply after that starts it."""
     box, daemon = start_ready(make_box, tavid, "ip_spts")
-    pid = stream(box, daemon, "239.1.2.3")["pid"]
+    pid = stream(box, daemon, "239.1.2.3", PORT, SERVICE)["pid"]
     program = Path(box.path("opt/bin/qel2ip"))
     program.rename(program.with_suffix(".away"))
     since = len(daemon.stderr())
-    destination(daemon, "239.1.2.4")
+    destination(daemon, "239.1.2.4", PORT)
     missing = [wrn_line("hal_qel2ip_start", "Qel2ip does not exist or is not executable")]
     wait_for(lambda: new_log_lines(daemon, since) == missing, what="the missing program warned about")
     assert gone(pid)
     assert len(box.qel2ip_runs()) == 1
     assert bitrate(daemon) == BITRATE_NONE
     program.with_suffix(".away").rename(program)
-    stream(box, daemon, "239.1.2.5")
+    stream(box, daemon, "239.1.2.5", PORT, SERVICE)
     assert new_log_lines(daemon, since) == missing
     wait_for(lambda: bitrate(daemon) == BITRATE, what="the new program's rate")
 
@@ -436,7 +406,7 @@ def test_a_streaming_program_that_ignores_sigterm_when_the_daemon_restarts(make_
     streams to it again."""
     box, daemon = start_ready(make_box, tavid, "ip_spts", "-v")
     box.configure_qel2ip(ignore_sigterm=True)
-    pid = stream(box, daemon, "239.1.2.3")["pid"]
+    pid = stream(box, daemon, "239.1.2.3", PORT, SERVICE)["pid"]
     since = len(daemon.stderr())
     daemon.send_signal(signal.SIGUSR1)
     assert daemon.wait(REPLY_WAIT) == 0
@@ -450,6 +420,6 @@ def test_a_streaming_program_that_ignores_sigterm_when_the_daemon_restarts(make_
     assert [(name, args) for _, name, args in box.calls()] == [("tavid", ["restart"])]
     wait_for(lambda: restarted_pid(box) is not None and tcp_listening(daemon.port), what="the daemon restarted")
     answers(daemon, "ip_spts")
-    assert json.loads(send(daemon, "get", "output_ip_dst", output_id="0"))["result"] == {
+    assert get(daemon, "output_ip_dst", output_id="0")["result"] == {
         "dst_addr": "239.1.2.3", "dst_port": PORT, "output_id": "0"}
     wait_for(lambda: len(started_for(box, "239.1.2.3")) == 2, what="the restarted daemon streaming")

@@ -17,18 +17,11 @@ from pathlib import Path
 import pytest
 
 import tavisim
-from conftest import free_port, request, request_in_pieces, tcp_listening
+from conftest import free_port, module_parameters, request, request_in_pieces, tcp_listening, wait_for
 
 SIM = Path(tavisim.__file__)
 MEMORY_ADDR = 0x50
 EMPTY_ADDR = 0x51
-
-
-def wait_for(condition, timeout=5.0):
-    deadline = time.monotonic() + timeout
-    while not condition():
-        assert time.monotonic() < deadline, "condition not met in time"
-        time.sleep(0.01)
 
 
 def read_exact(sock, length):
@@ -510,7 +503,8 @@ def command(box, frame, length, addr=MODULE):
 
 
 def parameters(box, addr=MODULE, group="settings"):
-    return box.modules[addr].state()[group]["parameters"]
+    """What a module holds; unless told, the staged parameters of the module these tests drive."""
+    return module_parameters(box, addr, group)
 
 
 def test_modules_sit_at_their_places_with_their_factory_values(make_box):

@@ -28,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   /* The channel terminates what it read; a NUL inside ends the text there. */
   std::string request(reinterpret_cast<const char*>(data), size);
   box_changed = fuzz::changes_box(request.c_str(), strlen(request.c_str()));
-  char* reply = cmd_json_handler(&request[0]);
+  char* reply = cmd_json_handler(request.data());
   if (!fuzz::reply_well_formed(reply))
     fuzz::fail(std::string("the reply is not one JSON object of the protocol: ") +
                (reply ? reply : "(null)"));

@@ -248,7 +248,8 @@ void status(const input_t& in) {
 }
 
 void calibration(const input_t& in) {
-  int8_t i = 55, q = -55;
+  int8_t i = 55;
+  int8_t q = -55;
   const size_t size = reply_size(2);
   check_result(mod_tarn_get_cal(&mod, &i, &q), expected_result(in, size));
   const uint32_t iq = payload_be(in, size, 2);
@@ -261,7 +262,8 @@ void level(const input_t& in) {
   int8_t dbm = 99;
   const size_t size = reply_size(1);
   check_result(mod_tarn_get_level(&mod, &dbm, FREQ_KHZ), expected_result(in, size));
-  const int8_t expected = mod.err == MOD_TARN_OK ? static_cast<int8_t>(payload_be(in, size, 1) - 5) : 99;
+  const int8_t expected =
+      mod.err == MOD_TARN_OK ? static_cast<int8_t>(payload_be(in, size, 1) - 5) : int8_t{99};
   check(dbm == expected, "the level is not the payload's less its offset");
 }
 
@@ -272,7 +274,7 @@ void command(const input_t& in, mod_tarn_err_t result) {
 
 typedef void (*operation_t)(const input_t& in);
 
-const operation_t operations[] = {
+constexpr operation_t operations[] = {
     alive,
     info,
     status,

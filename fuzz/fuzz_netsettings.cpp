@@ -48,6 +48,7 @@ class SettingsService {
       exit(1);
     }
     std::thread(&SettingsService::run, this, fd).detach();
+    // cppcheck-suppress resourceLeak ; the service thread serves the socket until the harness exits
   }
 
   /* What the next connection is answered with. */
@@ -91,9 +92,9 @@ class SettingsService {
   }
 
   void serve(int conn) {
-    const std::string request = read_request(conn);
+    const std::string received = read_request(conn);
     std::unique_lock<std::mutex> lock(mutex_);
-    request_ = request;
+    request_ = received;
     const uint8_t bits = bits_;
     const std::string answer = answer_;
     lock.unlock();
@@ -125,8 +126,10 @@ class SettingsService {
     socklen_t length = sizeof(client);
     if (getpeername(conn, reinterpret_cast<struct sockaddr*>(&client), &length) != 0) return false;
     for (int fd = 0; fd < MAX_FD; fd++) {
-      struct sockaddr_in mine, peer;
-      socklen_t mine_length = sizeof(mine), peer_length = sizeof(peer);
+      struct sockaddr_in mine;
+      struct sockaddr_in peer;
+      socklen_t mine_length = sizeof(mine);
+      socklen_t peer_length = sizeof(peer);
       if (fd != conn && getsockname(fd, reinterpret_cast<struct sockaddr*>(&mine), &mine_length) == 0 &&
           same_ipv4(mine, client) &&
           getpeername(fd, reinterpret_cast<struct sockaddr*>(&peer), &peer_length) == 0 &&

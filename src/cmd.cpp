@@ -74,7 +74,7 @@ cmd_err_t cmd_read_request(cmd_t* cmd, int client, text_ptr* buf, size_t* len) {
       DBG_WRN_AT("cmd_poll", "%s - Could not (re)allocate command buffer", cmd->name);
       return CMD_BUF_ERR;
     }
-    buf->release();
+    (void)buf->release(); /* realloc has taken the old block over */
     buf->reset(grown);
   }
 }

@@ -484,7 +484,7 @@ cmd_json_err_t cmd_store_settings(hal_object_t*, json_t*) {
   if (ferror(file)) err = CMD_JSON_FILE_ERR;
   if (fclose(file) != 0 && err == CMD_JSON_OK) err = CMD_JSON_FILE_ERR;
   /* A failed store leaves no settings file at all, never a partial one. */
-  if (err != CMD_JSON_OK) remove(path);
+  if (err != CMD_JSON_OK) (void)remove(path);
   sync();
   return err;
 }

@@ -76,9 +76,9 @@ struct free_deleter {
 };
 using text_ptr = std::unique_ptr<char, free_deleter>;
 
-/* Owner of an open stdio file. */
+/* Owner of a stdio file opened for reading: closing it cannot lose data. */
 struct file_closer {
-  void operator()(FILE* f) const { fclose(f); }
+  void operator()(FILE* f) const { (void)fclose(f); }
 };
 using file_ptr = std::unique_ptr<FILE, file_closer>;
 

@@ -175,11 +175,10 @@ json_t* cmd_json_ifconfig_interface(json_t* reply) {
 
 /* The write request around the client's arguments, which can only ever address eth1. */
 text_ptr cmd_json_ifconfig_post(json_t* j_args) {
-  if (json_object_set_new(j_args, "interface", json_string(CMD_JSON_IFCONFIG_INTERFACE)) != 0)
-    return text_ptr();
+  if (json_object_set_new(j_args, "interface", json_string(CMD_JSON_IFCONFIG_INTERFACE)) != 0) return nullptr;
   json_ptr request(
       json_pack("{s:s, s:s, s:[O]}", "action", "POST", "object", CMD_JSON_IFCONFIG_OBJECT, "args", j_args));
-  if (!request) return text_ptr();
+  if (!request) return nullptr;
   return text_ptr(json_dumps(request.get(), JSON_COMPACT | JSON_PRESERVE_ORDER));
 }
 

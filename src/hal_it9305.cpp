@@ -24,7 +24,7 @@ hal_err_t hal_translate_it9305_err(it9305_err_t err) { return err == 0 ? HAL_OK 
 
 hal_it9305_t* new_hal_it9305([[maybe_unused]] const char* name, [[maybe_unused]] uint8_t i2c_addr,
                              [[maybe_unused]] hal_i2c_t* hal_i2c, [[maybe_unused]] uint8_t ts_clock_divider,
-                             [[maybe_unused]] gpio_t reset) {
+                             [[maybe_unused]] const gpio_t& reset) {
   hal_it9305_t* chip = hal_new<hal_it9305_t>(HAL_IT9305, delete_hal_it9305, __func__);
   if (chip == NULL) return NULL;
   chip->hal_object.user = &chip->it9305;

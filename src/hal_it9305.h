@@ -19,7 +19,7 @@ typedef struct hal_it9305_t {
 /* Deliberately does not bring the chip up: the arguments are accepted and not kept, and the chip
  * record stays zero-filled. Not pushed into the registry. */
 hal_it9305_t* new_hal_it9305(const char* name, uint8_t i2c_addr, hal_i2c_t* hal_i2c, uint8_t ts_clock_divider,
-                             gpio_t reset);
+                             const gpio_t& reset);
 void delete_hal_it9305(hal_object_t* object);
 
 /* A multiplexer of the five inputs whose filters and ports are those of the chip. Not pushed

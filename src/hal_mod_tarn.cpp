@@ -45,6 +45,7 @@ static constexpr int hal_mod_tarn_equal_values[][2] = {
 };
 
 static constexpr bool hal_mod_tarn_values_equal() {
+  // cppcheck-suppress constVariable ; pair already is a reference to a const row
   for (const auto& pair : hal_mod_tarn_equal_values) {
     if (pair[0] != pair[1]) return false;
   }
@@ -85,6 +86,7 @@ static bool hal_mod_tarn_answered(void* user) { return hal_mod_tarn_of(user)->mo
 
 /* ---- the operation families ---- */
 
+// NOLINTBEGIN(bugprone-macro-parentheses): T and hal_t name types, which take no parentheses
 /* hal_mod_tarn_set_<name> and hal_mod_tarn_get_<name>, handing the value to the driver's <op>
  * as it is. */
 #define HAL_MOD_TARN_VALUE(name, op, T)                            \
@@ -113,6 +115,7 @@ static hal_err_t hal_mod_tarn_get_translated(void* user, mod_tarn_err_t (*op)(mo
   static hal_err_t hal_mod_tarn_get_##name(void* user, hal_t* value) {          \
     return hal_mod_tarn_get_translated(user, mod_tarn_get_##op, to_hal, value); \
   }
+// NOLINTEND(bugprone-macro-parentheses)
 
 #define HAL_MOD_TARN_ENUM(name, hal_t) \
   HAL_MOD_TARN_TRANSLATED(name, name, hal_t, hal_to_mod_tarn_##name, mod_tarn_to_hal_##name)

@@ -190,17 +190,17 @@ static hal_err_t hal_qel2ip_read_bitrate(FILE* file, const char* name, uint32_t*
 
 hal_err_t hal_qel2ip_get_bitrate(void* user, uint32_t* bitrate_kbps) {
   hal_qel2ip_t* q = hal_qel2ip_of(user);
-  char name[QEL2IP_STAT_NAME_LEN];
-  snprintf(name, sizeof(name), QEL2IP_STAT_FORMAT, q->s_qel_id);
+  char box_path[QEL2IP_STAT_NAME_LEN];
+  snprintf(box_path, sizeof(box_path), QEL2IP_STAT_FORMAT, q->s_qel_id);
   *bitrate_kbps = 0;
   if (!hal_qel2ip_running(q)) return HAL_OK;
   char path[BOXROOT_PATH_LEN + QEL2IP_STAT_NAME_LEN];
-  FILE* file = fopen(boxroot_path(path, sizeof(path), name), "r");
+  FILE* file = fopen(boxroot_path(path, sizeof(path), box_path), "r");
   if (file == NULL) {
-    DBG_WRN("Couldn't open '%s'", name);
+    DBG_WRN("Couldn't open '%s'", box_path);
     return HAL_QEL2IP_ERR;
   }
-  hal_err_t err = hal_qel2ip_read_bitrate(file, name, bitrate_kbps);
-  fclose(file);
+  hal_err_t err = hal_qel2ip_read_bitrate(file, box_path, bitrate_kbps);
+  (void)fclose(file); /* read only */
   return err;
 }

@@ -38,7 +38,7 @@ addrinfo_ptr inet_resolve(const char* str_addr, const char* str_port, int ai_fla
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   struct addrinfo* list = NULL;
-  if (getaddrinfo(str_addr, str_port, &hints, &list) != 0) return addrinfo_ptr();
+  if (getaddrinfo(str_addr, str_port, &hints, &list) != 0) return nullptr;
   return addrinfo_ptr(list);
 }
 /* The first IPv4 address of a stream service and a socket for it; `func` names the caller in

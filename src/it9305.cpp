@@ -59,7 +59,7 @@ static it9305_err_t it9305_enable_pcr_restamping(it9305_t* it9305) {
 }
 
 it9305_err_t it9305_init(it9305_t* it9305, const char* name, uint8_t i2c_addr, i2c_t* i2c,
-                         uint8_t ts_clock_divider, gpio_t reset) {
+                         uint8_t ts_clock_divider, const gpio_t& reset) {
   snprintf(it9305->name, sizeof(it9305->name), "%s", name);
   it9305->i2c = i2c;
   it9305->i2c_addr = i2c_addr;

@@ -28,7 +28,7 @@ typedef struct it9305_t {
 /* The whole bring-up: the record described, the chip hard reset, booted and its PCR restamping
  * switched on. */
 it9305_err_t it9305_init(it9305_t* it9305, const char* name, uint8_t i2c_addr, i2c_t* i2c,
-                         uint8_t ts_clock_divider, gpio_t reset);
+                         uint8_t ts_clock_divider, const gpio_t& reset);
 /* Empties the input's PID table and restarts the chip's table entries at 0. */
 it9305_err_t it9305_pidfilter_init(it9305_t* it9305, uint8_t ts_index, PID_FILTER_MODE mode);
 /* Takes the next table entry, whether the chip accepts the PID or not: one input's filter must

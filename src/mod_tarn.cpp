@@ -77,20 +77,19 @@ static bool mod_tarn_transfer(mod_tarn_t* mod, const uint8_t* cmd, uint32_t cmd_
          i2c_read(mod->i2c, rpl, rpl_size, MOD_TARN_RPL_TIMEOUT_MS) == I2C_OK;
 }
 
+/* The checks and the transfer in their order; the first that fails gives the error. */
+static mod_tarn_err_t mod_tarn_exchange(mod_tarn_t* mod, const uint8_t* cmd, uint32_t cmd_size, uint8_t* rpl,
+                                        uint32_t rpl_size) {
+  if (!mod_tarn_cmd_valid(cmd, cmd_size)) return MOD_TARN_CMD_INVLD;
+  if (rpl == NULL) return MOD_TARN_RPL_INVLD;
+  if (!mod_tarn_transfer(mod, cmd, cmd_size, rpl, rpl_size)) return MOD_TARN_I2C_ERR;
+  if (!mod_tarn_rpl_valid(rpl, rpl_size)) return MOD_TARN_RPL_INVLD;
+  return mod_tarn_rpl_err(rpl[MOD_TARN_RPL_ERR_OFFSET]);
+}
+
 mod_tarn_err_t mod_tarn_send_cmd(mod_tarn_t* mod, const uint8_t* cmd, uint32_t cmd_size, uint8_t* rpl,
                                  uint32_t rpl_size) {
-  mod->err = MOD_TARN_OK;
-  if (!mod_tarn_cmd_valid(cmd, cmd_size)) {
-    mod->err = MOD_TARN_CMD_INVLD;
-  } else if (rpl == NULL) {
-    mod->err = MOD_TARN_RPL_INVLD;
-  } else if (!mod_tarn_transfer(mod, cmd, cmd_size, rpl, rpl_size)) {
-    mod->err = MOD_TARN_I2C_ERR;
-  } else if (!mod_tarn_rpl_valid(rpl, rpl_size)) {
-    mod->err = MOD_TARN_RPL_INVLD;
-  } else {
-    mod->err = mod_tarn_rpl_err(rpl[MOD_TARN_RPL_ERR_OFFSET]);
-  }
+  mod->err = mod_tarn_exchange(mod, cmd, cmd_size, rpl, rpl_size);
   /* Also after a failure before the bus was opened: closing a closed bus is harmless. */
   if (i2c_close(mod->i2c) != I2C_OK) mod->err = MOD_TARN_I2C_ERR;
   return mod->err;
@@ -119,12 +118,13 @@ static mod_tarn_err_t mod_tarn_command(mod_tarn_t* mod, const char* func, const 
   cmd[MOD_TARN_CMD_LEN_OFFSET] = static_cast<uint8_t>(payload_size);
   if (payload_size > 0) memcpy(cmd + MOD_TARN_CMD_HEADER_SIZE, payload, payload_size);
   cmd[MOD_TARN_CMD_HEADER_SIZE + payload_size] = MOD_TARN_CMD_END;
-  mod_tarn_send_cmd(mod, cmd, MOD_TARN_CMD_HEADER_SIZE + payload_size + MOD_TARN_CMD_FOOTER_SIZE, rpl,
-                    MOD_TARN_RPL_HEADER_SIZE + rpl_payload_size + MOD_TARN_RPL_FOOTER_SIZE);
-  if (mod->err != MOD_TARN_OK && mod->err != MOD_TARN_CMD_UNKNOWN) {
+  const mod_tarn_err_t err =
+      mod_tarn_send_cmd(mod, cmd, MOD_TARN_CMD_HEADER_SIZE + payload_size + MOD_TARN_CMD_FOOTER_SIZE, rpl,
+                        MOD_TARN_RPL_HEADER_SIZE + rpl_payload_size + MOD_TARN_RPL_FOOTER_SIZE);
+  if (err != MOD_TARN_OK && err != MOD_TARN_CMD_UNKNOWN) {
     DBG_WRN_AT(func, "%s - %s (%s)", mod->name, failed, mod_tarn_strerror(mod));
   }
-  return mod->err;
+  return err;
 }
 
 /* A command without payload. */
@@ -260,10 +260,11 @@ template <typename T>
 static mod_tarn_err_t mod_tarn_get_number(mod_tarn_t* mod, const char* func, const mod_tarn_param_t& param,
                                           uint8_t slot, T* value) {
   uint8_t rpl[MOD_TARN_RPL_SIZE_MAX];
-  if (mod_tarn_param_get(mod, func, param, slot, rpl) == MOD_TARN_OK) {
+  const mod_tarn_err_t err = mod_tarn_param_get(mod, func, param, slot, rpl);
+  if (err == MOD_TARN_OK) {
     *value = static_cast<T>(mod_tarn_get_be(rpl + MOD_TARN_RPL_HEADER_SIZE, mod_tarn_value_size(param)));
   }
-  return mod->err;
+  return err;
 }
 
 /* Longer names are cut silently; the terminator is not sent. */
@@ -293,6 +294,7 @@ static mod_tarn_err_t mod_tarn_get_text(mod_tarn_t* mod, const char* func, const
         "Could not " set_words, "Could not " get_words                                 \
   }
 
+// NOLINTBEGIN(bugprone-macro-parentheses): T names a type, which takes no parentheses
 /* The operations mod_tarn_set_<name> and mod_tarn_get_<name> of a parameter holding one number. */
 #define MOD_TARN_NUMBER(name, T, stem, set_words, get_words)                                               \
   static constexpr mod_tarn_param_t mod_tarn_param_##name = MOD_TARN_PARAM(stem, 0, set_words, get_words); \
@@ -312,6 +314,7 @@ static mod_tarn_err_t mod_tarn_get_text(mod_tarn_t* mod, const char* func, const
   mod_tarn_err_t mod_tarn_get_##name(mod_tarn_t* mod, uint8_t id, T* value) {                              \
     return mod_tarn_get_number(mod, __func__, mod_tarn_param_##name, id, value);                           \
   }
+// NOLINTEND(bugprone-macro-parentheses)
 
 #define MOD_TARN_TEXT(name, stem, set_words, get_words)                                                    \
   static constexpr mod_tarn_param_t mod_tarn_param_##name = MOD_TARN_PARAM(stem, 0, set_words, get_words); \

@@ -187,6 +187,7 @@ const char tavictl_help[] =
     "       tavictl --raw '{\"action\":\"get\",\"object\":\"device\",\"args\":{\"device_id\":\"0\"}}'\n"
     "              A request written by hand.\n";
 
+// NOLINTNEXTLINE(cert-dcl50-cpp): printf-style, checked by the format attribute, forwarded to vfprintf
 __attribute__((format(printf, 1, 2))) tavictl_status_t tavictl_usage_error(const char* fmt, ...) {
   va_list ap;
   va_start(ap, fmt);
@@ -308,7 +309,7 @@ json_ptr tavictl_load_args(const char* text) {
   json_ptr args = tavictl_load("--json-args", text);
   if (args && !json_is_object(args.get())) {
     tavictl_usage_error("--json-args: a JSON object is needed");
-    return json_ptr();
+    return nullptr;
   }
   return args;
 }
@@ -322,7 +323,7 @@ json_ptr tavictl_load_arrayed(const char* text) {
   json_array_foreach(arrayed.get(), index, element) { valid = valid && json_is_object(element); }
   if (valid) return arrayed;
   tavictl_usage_error("--arrayed: a JSON array of objects is needed");
-  return json_ptr();
+  return nullptr;
 }
 
 tavictl_status_t tavictl_add_pair(json_t* args, const char* pair) {
@@ -340,7 +341,7 @@ json_ptr tavictl_build_args(const tavictl_options_t* options) {
   json_ptr args =
       options->json_args != NULL ? tavictl_load_args(options->json_args) : json_ptr(json_object());
   for (int n = 2; args && n < options->operand_count; n++) {
-    if (tavictl_add_pair(args.get(), options->operands[n]) != TAVICTL_OK) return json_ptr();
+    if (tavictl_add_pair(args.get(), options->operands[n]) != TAVICTL_OK) return nullptr;
   }
   return args;
 }
@@ -486,7 +487,7 @@ tavictl_status_t tavictl_reject_reply(const std::string& reply) {
     fputs(TAVICTL_PROG ": the daemon closed the connection without a reply\n", stderr);
   } else {
     fputs(TAVICTL_PROG ": the reply is not a JSON object:\n", stderr);
-    fwrite(reply.data(), 1, reply.size(), stderr);
+    (void)fwrite(reply.data(), 1, reply.size(), stderr);
     fputc('\n', stderr);
   }
   return TAVICTL_UNREACHABLE;

@@ -58,7 +58,9 @@ int connect_socket(const char* path) {
   memset(&addr, 0, sizeof(addr));
   addr.sun_family = AF_UNIX;
   static_assert(I2C_DEV_LEN < sizeof(addr.sun_path), "a device path must fit a socket address");
-  strcpy(addr.sun_path, path);
+  if (!copy_text(addr.sun_path, path, sizeof(addr.sun_path) - 1)) {
+    return -1;
+  }
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     return -1;

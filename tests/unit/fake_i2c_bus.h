@@ -147,7 +147,7 @@ class FakeBus {
     return true;
   }
 
-  void send_bytes(int fd, const bytes_t& bytes) {
+  static void send_bytes(int fd, const bytes_t& bytes) {
     size_t sent = 0;
     while (sent < bytes.size()) {
       const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);

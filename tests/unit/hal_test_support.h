@@ -122,7 +122,7 @@ inline hal_err_t record(const std::string& call) { return record(call, call); }
 /* The driver context the fakes expect: a call made with any other marks itself. */
 inline int driver;
 
-inline hal_err_t record(void* user, const std::string& call, const std::string& op) {
+inline hal_err_t record(const void* user, const std::string& call, const std::string& op) {
   return record(user == &driver ? call : call + " (foreign user)", op);
 }
 
@@ -139,6 +139,7 @@ hal_err_t fake_read(void* user, const char* op, T* value, T hardware) {
   return err;
 }
 
+// NOLINTBEGIN(bugprone-macro-parentheses): T names a type, which takes no parentheses
 /* The fake driver setter fake_set_<op>, recorded as "set <op> <value>", and the fake getter
  * fake_get_<op>, which reads `hardware`. */
 #define HAL_TEST_FAKE_ACCESSORS(op, T, hardware)                                  \
@@ -146,6 +147,7 @@ hal_err_t fake_read(void* user, const char* op, T* value, T hardware) {
     return hal_test::record(user, "set " #op " " + hal_test::number(value), #op); \
   }                                                                               \
   hal_err_t fake_get_##op(void* user, T* value) { return hal_test::fake_read(user, #op, value, hardware); }
+// NOLINTEND(bugprone-macro-parentheses)
 
 /* A producer's network setters, recorded as "<field> <value>". */
 inline hal_err_t fake_ts_tsid(void*, uint16_t value) { return record("tsid " + number(value), "tsid"); }
@@ -194,6 +196,7 @@ inline std::vector<hal_stream_settings_t> streams_of(const std::vector<uint16_t>
                                                      hal_stream_type_t type = HAL_STREAM_TYPE_UNKNOWN,
                                                      uint16_t bitrate_kbps = 0) {
   std::vector<hal_stream_settings_t> streams;
+  streams.reserve(pids.size());
   for (uint16_t pid : pids) streams.push_back({pid, type, bitrate_kbps});
   return streams;
 }
@@ -239,13 +242,13 @@ struct fake_input_t {
 };
 
 inline uint8_t fake_input_changed(fake_input_t* input) {
-  if (input->logged) calls.push_back("input test");
+  if (input->logged) calls.emplace_back("input test");
   if (hal_ts_changed(input->tsout, 1)) input->apply_required = 1;
   return input->apply_required;
 }
 
 inline hal_err_t fake_input_apply(fake_input_t* input) {
-  if (input->logged) calls.push_back("input apply");
+  if (input->logged) calls.emplace_back("input apply");
   input->apply_required = 0;
   return HAL_OK;
 }

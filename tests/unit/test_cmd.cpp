@@ -64,7 +64,8 @@ TEST(Cmd, UnknownInterfaceType) {
 TEST(Cmd, NoPendingClientReturnsAtOnce) {
   cmd_t cmd = closed_channel(0);
   ASSERT_EQ(cmd_open(&cmd), CMD_OK);
-  struct timespec before, after;
+  struct timespec before;
+  struct timespec after;
   clock_gettime(CLOCK_MONOTONIC, &before);
   EXPECT_EQ(cmd_poll(&cmd, 0), CMD_OK);
   clock_gettime(CLOCK_MONOTONIC, &after);

@@ -452,15 +452,15 @@ std::string read_file(const std::string& path) {
   char buf[4096];
   size_t n;
   while ((n = fread(buf, 1, sizeof(buf), file)) > 0) text.append(buf, n);
-  fclose(file);
+  EXPECT_EQ(fclose(file), 0);
   return text;
 }
 
 void write_file(const std::string& path, const std::string& text, int mode = 0644) {
   FILE* file = fopen(path.c_str(), "wb");
   ASSERT_NE(file, nullptr) << path;
-  fwrite(text.data(), 1, text.size(), file);
-  fclose(file);
+  EXPECT_EQ(fwrite(text.data(), 1, text.size(), file), text.size());
+  EXPECT_EQ(fclose(file), 0);
   chmod(path.c_str(), mode);
 }
 

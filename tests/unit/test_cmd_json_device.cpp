@@ -95,8 +95,8 @@ class CmdJsonDevice : public HalTest {
   void write(const std::string& box_path, const std::string& text) {
     FILE* file = fopen((root + box_path).c_str(), "wb");
     ASSERT_NE(file, nullptr) << box_path;
-    fwrite(text.data(), 1, text.size(), file);
-    fclose(file);
+    EXPECT_EQ(fwrite(text.data(), 1, text.size(), file), text.size());
+    EXPECT_EQ(fclose(file), 0);
   }
   std::string read(const std::string& box_path) {
     FILE* file = fopen((root + box_path).c_str(), "rb");
@@ -105,7 +105,7 @@ class CmdJsonDevice : public HalTest {
     char buf[256];
     size_t n;
     while ((n = fread(buf, 1, sizeof(buf), file)) > 0) text.append(buf, n);
-    fclose(file);
+    EXPECT_EQ(fclose(file), 0);
     return text;
   }
   /* A request, its warnings kept in `errors`. */
@@ -210,13 +210,13 @@ TEST_F(CmdJsonDevice, AModeOutsideTheVocabularyIsOutOfBounds) {
 }
 
 hal_err_t hook_get_mode(void*, hal_device_output_mode_t* mode) {
-  hooked.push_back("get");
+  hooked.emplace_back("get");
   *mode = HAL_DEVICE_IP_MPTS;
   return HAL_OK;
 }
 
 hal_err_t hook_get_mode_fails(void*, hal_device_output_mode_t*) {
-  hooked.push_back("get");
+  hooked.emplace_back("get");
   return HAL_ERR;
 }
 

@@ -105,7 +105,7 @@ class CmdJsonInputHdmi : public HalTest {
 
   /* A new input with an empty TS and the fake encoder, in the registry, where the newest is
    * instance 0. The GOP size is read only in the tests that want the encoder's value. */
-  hal_input_hdmi_t* add_input() {
+  static hal_input_hdmi_t* add_input() {
     hal_input_hdmi_t* input = new_hal_input_hdmi();
     EXPECT_NE(input, nullptr);
     input->tsout = new_hal_ts();
@@ -139,7 +139,7 @@ class CmdJsonInputHdmi : public HalTest {
 std::vector<std::string> keys(const cmd_json_arg_t* args) {
   std::vector<std::string> names;
   for (; args->name != NULL; args++) {
-    names.push_back(args->name);
+    names.emplace_back(args->name);
     EXPECT_NE(args->set, nullptr) << args->name;
     EXPECT_NE(args->get, nullptr) << args->name;
     EXPECT_EQ(args->mandatory_for_set, 0) << args->name;
@@ -544,7 +544,7 @@ std::string read_file(const std::string& path) {
   char buf[512];
   size_t n;
   while ((n = fread(buf, 1, sizeof(buf), file)) > 0) text.append(buf, n);
-  fclose(file);
+  EXPECT_EQ(fclose(file), 0);
   return text;
 }
 

@@ -73,7 +73,7 @@ taken_t take(cmd_json_take_t handler, hal_object_t* object) {
 std::vector<std::string> keys(const cmd_json_arg_t* args) {
   std::vector<std::string> names;
   for (; args->name != NULL; args++) {
-    names.push_back(args->name);
+    names.emplace_back(args->name);
     EXPECT_EQ(args->mandatory_for_set, 0) << args->name;
   }
   return names;
@@ -112,8 +112,8 @@ class BoxRoot : public HalTest {
   void write(const std::string& box_path, const std::string& text, int mode = 0644) {
     FILE* file = fopen((root + box_path).c_str(), "wb");
     ASSERT_NE(file, nullptr) << box_path;
-    fwrite(text.data(), 1, text.size(), file);
-    fclose(file);
+    EXPECT_EQ(fwrite(text.data(), 1, text.size(), file), text.size());
+    EXPECT_EQ(fclose(file), 0);
     chmod((root + box_path).c_str(), mode);
   }
   std::string read(const std::string& box_path) {
@@ -123,7 +123,7 @@ class BoxRoot : public HalTest {
     char buf[256];
     size_t n;
     while ((n = fread(buf, 1, sizeof(buf), file)) > 0) text.append(buf, n);
-    fclose(file);
+    EXPECT_EQ(fclose(file), 0);
     return text;
   }
   /* A request, its warnings kept in `errors`. */
@@ -482,6 +482,9 @@ void ignore_signal(int) {}
  * test. Until serve() it holds the port without listening, so a client finds the service down. */
 class FakeSettingsService {
  public:
+  FakeSettingsService() = default;
+  FakeSettingsService(const FakeSettingsService&) = delete;
+  FakeSettingsService& operator=(const FakeSettingsService&) = delete;
   ~FakeSettingsService() {
     if (thread_.joinable()) thread_.join();
     if (fd_ >= 0) close(fd_);
@@ -531,7 +534,7 @@ class FakeSettingsService {
     char buf[256];
     return readable(client, timeout_ms) && recv(client, buf, sizeof(buf), 0) <= 0;
   }
-  void run(answer_t answer, std::string reply) {
+  void run(answer_t answer, const std::string& reply) {
     if (!readable(fd_, 10000)) return;
     int client = accept(fd_, NULL, NULL);
     if (client < 0) return;
@@ -558,7 +561,7 @@ class FakeSettingsService {
   int lock_ = -1;
   int fd_ = -1;
   std::thread thread_;
-  pthread_t client_thread_;
+  pthread_t client_thread_{};
   std::string received_;
 };
 
@@ -700,7 +703,8 @@ TEST_F(CmdJsonIfconfig, GetFromAServiceThatHangsUpIsAJsonError) {
 }
 
 TEST_F(CmdJsonIfconfig, AnInterruptedWaitIsAPollFailure) {
-  struct sigaction action = {}, previous;
+  struct sigaction action = {};
+  struct sigaction previous;
   action.sa_handler = ignore_signal; /* no SA_RESTART: the wait ends */
   sigemptyset(&action.sa_mask);
   sigaction(SIGUSR2, &action, &previous);

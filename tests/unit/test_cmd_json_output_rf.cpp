@@ -175,7 +175,7 @@ class CmdJsonOutputRf : public HalTest {
 std::vector<std::string> keys(const cmd_json_arg_t* args) {
   std::vector<std::string> names;
   for (; args->name != NULL; args++) {
-    names.push_back(args->name);
+    names.emplace_back(args->name);
     EXPECT_NE(args->set, nullptr) << args->name;
     EXPECT_NE(args->get, nullptr) << args->name;
     EXPECT_EQ(args->mandatory_for_set, 0) << args->name;
@@ -191,7 +191,7 @@ const std::vector<std::string> modulation_keys = {
 
 TEST(CmdJsonOutputRfTables, ListTheKeysInOrder) {
   std::vector<std::string> ext = modulation_keys;
-  ext.push_back("ts");
+  ext.emplace_back("ts");
   EXPECT_EQ(keys(cmd_json_output_rf_ext_args), ext);
   EXPECT_EQ(keys(cmd_json_output_rf_mod_args), modulation_keys);
 }
@@ -718,7 +718,7 @@ std::string read_file(const std::string& path) {
   char buf[512];
   size_t n;
   while ((n = fread(buf, 1, sizeof(buf), file)) > 0) text.append(buf, n);
-  fclose(file);
+  EXPECT_EQ(fclose(file), 0);
   return text;
 }
 
@@ -750,10 +750,10 @@ class CmdJsonOutputRfSettings : public CmdJsonOutputRf {
 
 TEST_F(CmdJsonOutputRfSettings, AnAcceptedSetStoresTheWholeOutput) {
   EXPECT_EQ(set("output_rf_mod", "{\"output_id\":\"0\",\"level\":\"-5\"}"), "{}");
-  std::string keys = dvb_t_keys;
-  keys.replace(keys.find("\"-3\""), 4, "\"-5\"");
+  std::string stored_keys = dvb_t_keys;
+  stored_keys.replace(stored_keys.find("\"-3\""), 4, "\"-5\"");
   EXPECT_EQ(settings(),
-            "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{" + keys +
+            "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{" + stored_keys +
                 ",\"ts\":{\"ts_tag\":\"1\",\"tsid\":\"0\",\"onid\":\"0\",\"nid\":\"0\","
                 "\"private_data_specifier\":\"0\",\"network_name\":\"\",\"network_version\":\"0\","
                 "\"services\":[]},\"output_id\":\"0\"}}\n\r");

@@ -105,7 +105,7 @@ class CmdJsonTs : public HalTest {
 std::vector<std::string> keys(const cmd_json_arg_t* args) {
   std::vector<std::string> names;
   for (; args->name != NULL; args++) {
-    names.push_back(args->name);
+    names.emplace_back(args->name);
     EXPECT_EQ(args->mandatory_for_set, 0) << args->name;
     EXPECT_NE(args->get, nullptr) << args->name;
     /* Tags are read only. */
@@ -150,13 +150,13 @@ std::ostream& operator<<(std::ostream& os, const number_case& c) {
 class CmdJsonTsNumbers : public CmdJsonTs, public ::testing::WithParamInterface<number_case> {
  protected:
   /* The arguments addressing the target, with the key under test. */
-  std::string args(const number_case& c) {
+  static std::string args(const number_case& c) {
     std::string prefix = c.target == TARGET_TS        ? "{"
                          : c.target == TARGET_SERVICE ? "{\"service_tag\":\"0\","
                                                       : "{\"service_tag\":\"0\",\"stream_tag\":\"0\",";
     return prefix + "\"" + c.key + "\":\"" + c.text + "\"}";
   }
-  cmd_json_put_t setter(target_t target) {
+  static cmd_json_put_t setter(target_t target) {
     return target == TARGET_TS        ? cmd_json_set_ts
            : target == TARGET_SERVICE ? cmd_json_ts_set_service
                                       : cmd_json_ts_set_stream;

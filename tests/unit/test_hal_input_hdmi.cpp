@@ -42,7 +42,7 @@ hal_err_t fake_get_hw_debug_code(void* user, uint8_t code, uint8_t* enable) {
 hal_err_t fake_apply(void* user) { return record(user, "apply", "apply"); }
 
 void fake_ts_delete(hal_object_t* object) {
-  calls.push_back("delete ts");
+  calls.emplace_back("delete ts");
   delete_hal_object(object);
 }
 
@@ -138,7 +138,8 @@ TEST_F(HalInputHdmi, WithoutOperationsItIsPlainStorage) {
   EXPECT_EQ(hal_input_hdmi_set_video_bitrate(hdmi, 12000), HAL_OK);
   EXPECT_EQ(hal_input_hdmi_set_video_gopsize(hdmi, 30), HAL_OK);
   EXPECT_EQ(hal_input_hdmi_set_audio_bitrate(hdmi, 256), HAL_OK);
-  uint16_t video_bitrate = 0, audio_bitrate = 0;
+  uint16_t video_bitrate = 0;
+  uint16_t audio_bitrate = 0;
   uint8_t gopsize = 0;
   EXPECT_EQ(hal_input_hdmi_get_video_bitrate(hdmi, &video_bitrate), HAL_OK);
   EXPECT_EQ(hal_input_hdmi_get_video_gopsize(hdmi, &gopsize), HAL_OK);

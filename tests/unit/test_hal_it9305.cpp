@@ -34,9 +34,10 @@ std::string port_of(hal_it9305_t* chip, int port) {
 }
 
 std::vector<std::string> ports_of(hal_it9305_t* chip) {
-  std::vector<std::string> ports;
-  for (int port = 0; port < IT9300_TS_INPUTS; port++) ports.push_back(port_of(chip, port));
-  return ports;
+  std::vector<std::string> texts;
+  texts.reserve(IT9300_TS_INPUTS);
+  for (int port = 0; port < IT9300_TS_INPUTS; port++) texts.push_back(port_of(chip, port));
+  return texts;
 }
 
 const std::string stuffing_only = " 0:8191";
@@ -97,7 +98,7 @@ class HalIt9305 : public HalTest {
     hal_ts_find_service_by_tag(which->tsout, service_at(ins[i], 0)->tag)->enabled = enabled;
   }
   /* Runs a sync step; returns its warnings as "<function>: <text>". */
-  std::vector<std::string> sync(hal_tsmux_5x1_t* which) {
+  static std::vector<std::string> sync(hal_tsmux_5x1_t* which) {
     return warnings_in(printed_by([which] { hal_tsmux_5x1_sync(which); }).err);
   }
 
@@ -110,7 +111,8 @@ TEST_F(HalIt9305, ConstructorLeavesTheChipUntouchedAndItsRecordZeroFilled) {
   char dir_template[] = "/tmp/hal_it9305XXXXXX";
   ASSERT_NE(mkdtemp(dir_template), nullptr);
   const std::string dir = dir_template;
-  const std::string value = dir + "/value", direction = dir + "/direction";
+  const std::string value = dir + "/value";
+  const std::string direction = dir + "/direction";
   std::ofstream(value) << "1";
   std::ofstream(direction) << "in";
   int bus = 0;

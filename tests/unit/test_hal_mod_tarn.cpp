@@ -38,7 +38,7 @@ bytes_t be32(uint32_t value) {
   return {static_cast<uint8_t>(value >> 24), static_cast<uint8_t>(value >> 16),
           static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
 }
-bytes_t text(const std::string& value) { return bytes_t(value.begin(), value.end()); }
+bytes_t text(const std::string& value) { return {value.begin(), value.end()}; }
 bytes_t join(std::initializer_list<bytes_t> parts) {
   bytes_t all;
   for (const bytes_t& part : parts) all.insert(all.end(), part.begin(), part.end());
@@ -205,7 +205,7 @@ class FakeModule {
     return true;
   }
 
-  void send_bytes(int fd, const bytes_t& bytes) {
+  static void send_bytes(int fd, const bytes_t& bytes) {
     size_t sent = 0;
     while (sent < bytes.size()) {
       const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
@@ -331,8 +331,8 @@ class HalModTarn : public HalTest {
     return keep(run([this, tsin] { return new_hal_mod_tarn_output_rf(mod_, tsin); }));
   }
 
-  lines_t warnings() { return warnings_in(printed_.err); }
-  lines_t messages() { return messages_in(printed_.out); }
+  lines_t warnings() const { return warnings_in(printed_.err); }
+  lines_t messages() const { return messages_in(printed_.out); }
 
   FakeModule module_;
   hal_i2c_t* hal_i2c_ = nullptr;
@@ -341,9 +341,9 @@ class HalModTarn : public HalTest {
 };
 
 std::vector<bytes_t> gets(std::initializer_list<uint8_t> codes) {
-  std::vector<bytes_t> frames;
-  for (uint8_t code : codes) frames.push_back(cmd(code));
-  return frames;
+  std::vector<bytes_t> queries;
+  for (uint8_t code : codes) queries.push_back(cmd(code));
+  return queries;
 }
 
 std::string driver_warning(const std::string& func, const std::string& text) {
@@ -482,16 +482,16 @@ TEST_F(HalModTarn, InputIsBoundToTheModuleAndStartsWithItsValues) {
   /* The audio stream is made first; the newest stands first in the list. */
   ASSERT_EQ(service->stream_list.node_count, 2u);
   hal_stream_t* video = stream_at(service, 0);
-  hal_stream_t* audio = stream_at(service, 1);
-  EXPECT_EQ(audio->tag, 0u);
-  EXPECT_EQ(audio->settings.pid, AUDIO_PID);
-  EXPECT_EQ(audio->settings.type, HAL_AAC);
-  EXPECT_EQ(audio->settings.bitrate_kbps, 192);
+  hal_stream_t* audio_stream = stream_at(service, 1);
+  EXPECT_EQ(audio_stream->tag, 0u);
+  EXPECT_EQ(audio_stream->settings.pid, AUDIO_PID);
+  EXPECT_EQ(audio_stream->settings.type, HAL_AAC);
+  EXPECT_EQ(audio_stream->settings.bitrate_kbps, 192);
   EXPECT_EQ(video->tag, 1u);
   EXPECT_EQ(video->settings.pid, VIDEO_PID);
   EXPECT_EQ(video->settings.type, HAL_H264);
   EXPECT_EQ(video->settings.bitrate_kbps, 8000);
-  for (hal_stream_t* stream : {audio, video}) {
+  for (hal_stream_t* stream : {audio_stream, video}) {
     EXPECT_EQ(stream->hal_object.user, mod_);
     EXPECT_EQ(stream->hal_object.strerror, hal_mod_tarn_strerror);
   }
@@ -664,11 +664,11 @@ TEST_F(HalModTarnOutput, NumbersGoToTheModuleAsTheyAre) {
   module_.clear();
   module_.hold(0x85, be16(5217));
   uint16_t symbolrate = 0;
-  uint8_t enable = 9;
+  uint8_t enabled = 9;
   EXPECT_EQ(hal_output_rf_get_symbolrate(rf_, &symbolrate), HAL_OK);
-  EXPECT_EQ(hal_output_rf_get_enable(rf_, &enable), HAL_OK);
+  EXPECT_EQ(hal_output_rf_get_enable(rf_, &enabled), HAL_OK);
   EXPECT_EQ(symbolrate, 5217);
-  EXPECT_EQ(enable, 0);
+  EXPECT_EQ(enabled, 0);
   EXPECT_EQ(module_.commands(), gets({0x85, 0xEA}));
 }
 
@@ -770,7 +770,8 @@ TEST_F(HalModTarnOutput, LevelWithAFrequencyTheFirmwareDoesNotKnowIsSentQuietly)
 
 TEST_F(HalModTarnOutput, CalibrationGoesEnableFirstAndComesBackAsTwoSignedBytes) {
   EXPECT_EQ(hal_output_rf_set_cal(rf_, -3, 4, 1), HAL_OK);
-  int8_t i = 0, q = 0;
+  int8_t i = 0;
+  int8_t q = 0;
   EXPECT_EQ(hal_output_rf_get_cal(rf_, &i, &q), HAL_OK);
   EXPECT_EQ(i, -3);
   EXPECT_EQ(q, 4);
@@ -828,9 +829,9 @@ TEST_F(HalModTarnInput, EncoderSettingsGoToTheModule) {
 
 TEST_F(HalModTarnInput, DebugCodesPassThroughWithTheirCode) {
   EXPECT_EQ(hal_input_hdmi_set_hw_debug_code(hdmi_, 5, 1), HAL_OK);
-  uint8_t enable = 7;
-  EXPECT_EQ(hal_input_hdmi_get_hw_debug_code(hdmi_, 5, &enable), HAL_OK);
-  EXPECT_EQ(enable, 1);
+  uint8_t enabled = 7;
+  EXPECT_EQ(hal_input_hdmi_get_hw_debug_code(hdmi_, 5, &enabled), HAL_OK);
+  EXPECT_EQ(enabled, 1);
   EXPECT_EQ(module_.commands(), (std::vector<bytes_t>{cmd(0x6B, {5, 1}), cmd(0xEB, {5})}));
 }
 

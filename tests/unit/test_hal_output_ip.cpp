@@ -49,6 +49,7 @@ hal_err_t fake_apply(hal_output_ip_t* out) {
 hal_service_t* add_h264_service(hal_ts_t* ts, uint16_t sid, const char* name,
                                 const std::vector<uint16_t>& pids) {
   std::vector<hal_stream_settings_t> streams;
+  streams.reserve(pids.size());
   for (uint16_t pid : pids) streams.push_back({pid, HAL_H264, static_cast<uint16_t>(pid * 2)});
   hal_service_t* service = add_service(ts, sid, name, streams);
   hal_service_set_type(service, 1);

@@ -100,6 +100,7 @@ void wire_ts(hal_ts_t* ts) {
 std::vector<hal_stream_settings_t> h264(const std::vector<uint16_t>& bitrates) {
   std::vector<hal_stream_settings_t> streams;
   uint16_t pid = 0x100;
+  streams.reserve(bitrates.size());
   for (uint16_t bitrate : bitrates) streams.push_back({pid++, HAL_H264, bitrate});
   return streams;
 }
@@ -371,7 +372,8 @@ TEST_F(HalOutputRf, CalibrationGoesStraightToTheModulatorAndIsNotKept) {
   wire(rf);
   settle();
   EXPECT_EQ(hal_output_rf_set_cal(rf, -3, 4, 1), HAL_OK);
-  int8_t i = 0, q = 0;
+  int8_t i = 0;
+  int8_t q = 0;
   EXPECT_EQ(hal_output_rf_get_cal(rf, &i, &q), HAL_OK);
   EXPECT_EQ(i, -7);
   EXPECT_EQ(q, 9);
@@ -381,7 +383,8 @@ TEST_F(HalOutputRf, CalibrationGoesStraightToTheModulatorAndIsNotKept) {
 
 TEST_F(HalOutputRf, CalibrationWithoutOperationLeavesTheOutputsAlone) {
   EXPECT_EQ(hal_output_rf_set_cal(rf, -3, 4, 1), HAL_OK);
-  int8_t i = 11, q = 22;
+  int8_t i = 11;
+  int8_t q = 22;
   EXPECT_EQ(hal_output_rf_get_cal(rf, &i, &q), HAL_OK);
   EXPECT_EQ(i, 11);
   EXPECT_EQ(q, 22);
@@ -391,7 +394,8 @@ TEST_F(HalOutputRf, FailingCalibrationReturnsTheError) {
   wire(rf);
   failing = "calibration";
   EXPECT_EQ(hal_output_rf_set_cal(rf, 1, 1, 1), HAL_MOD_TARN_ERR);
-  int8_t i = 11, q = 22;
+  int8_t i = 11;
+  int8_t q = 22;
   EXPECT_EQ(hal_output_rf_get_cal(rf, &i, &q), HAL_MOD_TARN_ERR);
   EXPECT_EQ(i, 11);
   EXPECT_EQ(q, 22);

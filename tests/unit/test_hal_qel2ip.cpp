@@ -31,15 +31,15 @@ std::string read_text(const std::string& path) {
   char chunk[256];
   size_t length;
   while ((length = fread(chunk, 1, sizeof(chunk), file)) > 0) text.append(chunk, length);
-  fclose(file);
+  EXPECT_EQ(fclose(file), 0);
   return text;
 }
 
 void write_text(const std::string& path, const std::string& text, mode_t mode = 0644) {
   FILE* file = fopen(path.c_str(), "wb");
   ASSERT_NE(file, nullptr) << path;
-  fwrite(text.data(), 1, text.size(), file);
-  fclose(file);
+  EXPECT_EQ(fwrite(text.data(), 1, text.size(), file), text.size());
+  EXPECT_EQ(fclose(file), 0);
   chmod(path.c_str(), mode);
 }
 
@@ -48,6 +48,15 @@ double seconds_since(std::chrono::steady_clock::time_point start) {
 }
 
 std::string pid_text(pid_t pid) { return std::to_string(static_cast<int>(pid)); }
+
+/* The PID a stand-in wrote to a file, on a line of its own; 0 when there is none. */
+pid_t pid_in(const std::string& path) {
+  const std::string text = read_text(path);
+  char* end = nullptr;
+  const long pid = strtol(text.c_str(), &end, 10);
+  EXPECT_STREQ(end, "\n") << path;
+  return static_cast<pid_t>(pid);
+}
 
 /* True when the process has no child at all, running or waiting to be reaped. */
 bool no_children() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
@@ -155,7 +164,7 @@ class HalQel2ip : public HalTest {
   }
 
   /* Waits until the child has ended, without reaping it. */
-  void wait_ended(pid_t pid) {
+  static void wait_ended(pid_t pid) {
     auto start = std::chrono::steady_clock::now();
     siginfo_t info = {};
     while (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
@@ -355,7 +364,7 @@ TEST_F(HalQel2ip, RestartGivesUpWhenTheOldChildCannotBeStopped) {
   EXPECT_EQ(err, HAL_QEL2IP_ERR);
   EXPECT_EQ(q->proc_id, first);
   EXPECT_TRUE(no_children());
-  EXPECT_TRUE(ends(static_cast<pid_t>(atoi(read_text(root + "/tmp/sleeper").c_str()))));
+  EXPECT_TRUE(ends(pid_in(root + "/tmp/sleeper")));
   const std::string pid = " (PID " + pid_text(first) + ")";
   EXPECT_EQ(messages_in(printed.out),
             (std::vector<std::string>{"Starting qel2ip...", "Qel2ip already running" + pid,
@@ -475,7 +484,7 @@ TEST_F(HalQel2ip, ChildExitingNormallyOnSigtermDoesNotCountAsStopped) {
   EXPECT_EQ(q->proc_id, pid);
   EXPECT_TRUE(reaped(pid));
   EXPECT_FALSE(hal_qel2ip_running(q));
-  EXPECT_TRUE(ends(static_cast<pid_t>(atoi(read_text(root + "/tmp/sleeper").c_str()))));
+  EXPECT_TRUE(ends(pid_in(root + "/tmp/sleeper")));
   EXPECT_EQ(printed.out, msg("Stopping qel2ip..." + in_pid));
   EXPECT_EQ(without_lines(printed.err),
             wrn("hal_qel2ip_stop", "Could not stop qel2ip with SIGTERM" + in_pid) +

@@ -130,7 +130,7 @@ class HalTsmux5x1 : public HalTest {
     hal_service_t* source = service_at(ins[i], 0);
     hal_ts_find_service_by_tag(which->tsout, source->tag)->enabled = enabled;
   }
-  uint8_t changed(hal_tsmux_5x1_t* which) {
+  static uint8_t changed(hal_tsmux_5x1_t* which) {
     return quietly([which] { return hal_tsmux_5x1_changed(which); });
   }
 
@@ -141,7 +141,7 @@ class HalTsmux5x1 : public HalTest {
 TEST_F(HalTsmux5x1, PsiPidsInTableOrder) {
   EXPECT_EQ(std::vector<uint16_t>(std::begin(PSI_PIDS), std::end(PSI_PIDS)),
             (std::vector<uint16_t>{0x0000, 0x0001, 0x0010, 0x0011, 0x0012, 0x0013, 0x0014, 0x1FFB}));
-  EXPECT_EQ(HAL_TSMUX_5X1_STUFFING_PID, 0x1FFF);
+  static_assert(HAL_TSMUX_5X1_STUFFING_PID == 0x1FFF, "stuffing goes out on PID 0x1FFF");
 }
 
 TEST_F(HalTsmux5x1, ConstructorKeepsTheInputsInOrderAndCreatesTsout) {

@@ -116,7 +116,7 @@ class It9305Init : public It9305 {
     return expected;
   }
   /* The description part of the record, what the calls did cleared out. */
-  Endeavour description_of(const Endeavour& endeavour) {
+  static Endeavour description_of(const Endeavour& endeavour) {
     Endeavour description;
     memcpy(&description, &endeavour, sizeof(description));
     memset(&description.state, 0, sizeof(description.state));

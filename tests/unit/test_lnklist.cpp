@@ -17,7 +17,9 @@ TEST(Lnklist, InitializerIsEmpty) {
 
 TEST(Lnklist, PushPutsTheNewestFirstAndOwnsIt) {
   lnklist_t list = LNKLIST_INITIALIZER;
-  item_t a = {{nullptr, nullptr}, 1}, b = {{nullptr, nullptr}, 2}, c = {{nullptr, nullptr}, 3};
+  item_t a = {{nullptr, nullptr}, 1};
+  item_t b = {{nullptr, nullptr}, 2};
+  item_t c = {{nullptr, nullptr}, 3};
   lnklist_push_node(&list, &a.node);
   lnklist_push_node(&list, &b.node);
   lnklist_push_node(&list, &c.node);
@@ -52,8 +54,10 @@ TEST(Lnklist, RemoveUnlinksHeadMiddleAndTail) {
 }
 
 TEST(Lnklist, RemovingANodeOfAnotherListChangesNothing) {
-  lnklist_t list = LNKLIST_INITIALIZER, other = LNKLIST_INITIALIZER;
-  item_t a = {}, b = {};
+  lnklist_t list = LNKLIST_INITIALIZER;
+  lnklist_t other = LNKLIST_INITIALIZER;
+  item_t a = {};
+  item_t b = {};
   lnklist_push_node(&list, &a.node);
   lnklist_push_node(&other, &b.node);
   lnklist_remove_node(&list, &b.node);

@@ -48,11 +48,44 @@ uint32_t hal_crc32(uint32_t crc, const void* data, size_t size) {
   return static_cast<uint32_t>(crc32(crc, static_cast<const Bytef*>(data), static_cast<uInt>(size)));
 }
 
-uint8_t hal_settings_changed(const void* settings, size_t size, uint32_t* settings_crc, uint8_t update_crc) {
-  uint32_t crc = hal_crc32(static_cast<uint32_t>(crc32(0, NULL, 0)), settings, size);
+static uint8_t hal_take_crc(uint32_t crc, uint32_t* settings_crc, uint8_t update_crc) {
   if (crc == *settings_crc) return 0;
   if (update_crc) *settings_crc = crc;
   return 1;
+}
+
+uint8_t hal_settings_changed(const void* settings, size_t size, uint32_t* settings_crc, uint8_t update_crc) {
+  return hal_take_crc(hal_crc32(static_cast<uint32_t>(crc32(0, NULL, 0)), settings, size), settings_crc,
+                      update_crc);
+}
+
+static uint32_t hal_crc32_parts(const void* data, size_t size, const void* tail, size_t tail_size) {
+  uint32_t crc = hal_crc32(static_cast<uint32_t>(crc32(0, NULL, 0)), data, size);
+  /* crc32 given no buffer answers its seed, not the checksum so far. */
+  return tail_size > 0 ? hal_crc32(crc, tail, tail_size) : crc;
+}
+
+static bool hal_crc_memo_holds(const hal_crc_memo_t* memo, const void* data, size_t size, const void* tail,
+                               size_t tail_size) {
+  return memo->size == size + tail_size && memcmp(memo->bytes, data, size) == 0 &&
+         (tail_size == 0 || memcmp(memo->bytes + size, tail, tail_size) == 0);
+}
+
+uint32_t hal_crc32_memo(hal_crc_memo_t* memo, const void* data, size_t size, const void* tail,
+                        size_t tail_size) {
+  if (size + tail_size > sizeof(memo->bytes)) return hal_crc32_parts(data, size, tail, tail_size);
+  if (!hal_crc_memo_holds(memo, data, size, tail, tail_size)) {
+    memo->crc = hal_crc32_parts(data, size, tail, tail_size);
+    memcpy(memo->bytes, data, size);
+    if (tail_size > 0) memcpy(memo->bytes + size, tail, tail_size);
+    memo->size = static_cast<uint32_t>(size + tail_size);
+  }
+  return memo->crc;
+}
+
+uint8_t hal_settings_changed_memo(hal_crc_memo_t* memo, const void* settings, size_t size,
+                                  uint32_t* settings_crc, uint8_t update_crc) {
+  return hal_take_crc(hal_crc32_memo(memo, settings, size), settings_crc, update_crc);
 }
 
 /* A bounded copy that fills the rest of the buffer with NULs, so that equal texts leave equal
@@ -151,13 +184,21 @@ static void hal_take_in_changes(hal_object_type_t type) {
   }
 }
 
-hal_err_t hal_poll(void) {
+/* One sync pass over every kind; returns 1 when a step ran. */
+static int hal_sync_pass(void) {
   int synced = 0;
   for (hal_object_type_t type : hal_sync_order) synced |= hal_poll_kind(type, 1);
   hal_take_in_changes(HAL_INPUT_HDMI);
+  return synced;
+}
+
+hal_err_t hal_poll(void) {
   /* A sync rewrites transport streams that others read: let every consumer see it before
-   * anything is applied. The chain ends when a cycle syncs nothing. */
-  if (synced) return hal_poll();
+   * anything is applied. The chain ends when a pass syncs nothing. */
+  int synced;
+  do {
+    synced = hal_sync_pass();
+  } while (synced);
   for (hal_object_type_t type : hal_apply_order) hal_poll_kind(type, 0);
   return HAL_OK;
 }

@@ -82,6 +82,27 @@ T* hal_new(hal_object_type_t type, void (*delete_)(hal_object_t*), const char* f
 uint8_t hal_settings_changed(const void* settings, size_t size, uint32_t* settings_crc, uint8_t update_crc);
 uint32_t hal_crc32(uint32_t crc, const void* data, size_t size);
 
+/* The most bytes a remembered checksum covers: a transport stream's or a service's group. */
+#define HAL_CRC_MEMO_SIZE 96
+
+/* A checksum remembered together with the bytes it was computed over. Every poll cycle tests each
+ * transport stream several times (its producer and each of its readers, in both phases) and
+ * nearly always nothing has moved: comparing the bytes with those last hashed costs far less than
+ * hashing them again, and gives the same checksum. Zero-filled: nothing remembered yet. */
+typedef struct hal_crc_memo_t {
+  uint8_t bytes[HAL_CRC_MEMO_SIZE];
+  uint32_t size;
+  uint32_t crc;
+} hal_crc_memo_t;
+
+/* The zlib crc32, seeded with crc32(0, NULL, 0), of `size` bytes at `data` followed by `tail_size`
+ * bytes at `tail` (none when 0); taken from the memo when those are the bytes it holds. */
+uint32_t hal_crc32_memo(hal_crc_memo_t* memo, const void* data, size_t size, const void* tail = NULL,
+                        size_t tail_size = 0);
+/* hal_settings_changed with the checksum taken through a memo. */
+uint8_t hal_settings_changed_memo(hal_crc_memo_t* memo, const void* settings, size_t size,
+                                  uint32_t* settings_crc, uint8_t update_crc);
+
 /* The driver-first rule shared by every setter: the driver operation, when there is one, must
  * accept the value before it is stored. `extra` are the arguments the operation takes between
  * `user` and the value (a port, a tag). */
@@ -108,6 +129,7 @@ hal_err_t hal_get_value(hal_object_t* object, Op op, T* stored, T* value, Extra.
   return HAL_OK;
 }
 
+// NOLINTBEGIN(bugprone-macro-parentheses): T names a type, which takes no parentheses
 /* The setter and getter <prefix>_set_<field> and <prefix>_get_<field> of a <prefix>_t whose
  * operations for the value are set.<op> and get.<op> and which keeps it in `stored`. */
 #define HAL_VALUE_ACCESSORS(prefix, field, op, stored, T)                                 \
@@ -117,6 +139,7 @@ hal_err_t hal_get_value(hal_object_t* object, Op op, T* stored, T* value, Extra.
   hal_err_t prefix##_get_##field(prefix##_t* object, T* value) {                          \
     return hal_get_value<T>(&object->hal_object, object->get.op, &object->stored, value); \
   }
+// NOLINTEND(bugprone-macro-parentheses)
 
 /* Text settings: stored NUL-terminated within their buffer, longer text cut. */
 hal_err_t hal_set_text(hal_object_t* object, hal_err_t (*op)(void* user, const char* text), char* stored,
@@ -136,6 +159,7 @@ hal_err_t hal_pass(hal_object_t* object, Op op, Args... args) {
 /* set_all and get_all: the steps in their order, stopping at the first that fails; the
  * object's err then holds that failure. */
 template <typename T, size_t N>
+// cppcheck-suppress constParameter ; the steps already are const (const pointers)
 hal_err_t hal_run_all(T* object, hal_err_t (*const (&steps)[N])(T*)) {
   for (hal_err_t (*step)(T*) : steps) {
     if (step(object) != HAL_OK) return object->hal_object.err;

@@ -1,7 +1,6 @@
 #include "hal_ts.h"
 
 #include <string.h>
-#include <zlib.h>
 
 #include "dbg.h"
 
@@ -216,16 +215,20 @@ hal_err_t hal_ts_sync_psi(hal_ts_t* ts_to, hal_ts_t* ts_from) {
 
 /* ---- change tests ---- */
 
+static_assert(sizeof(hal_ts_settings_t) <= HAL_CRC_MEMO_SIZE, "a TS's checksum must fit its memo");
+static_assert(sizeof(hal_service_settings_t) + 1 <= HAL_CRC_MEMO_SIZE,
+              "a service's checksum must fit its memo");
+static_assert(sizeof(hal_stream_settings_t) <= HAL_CRC_MEMO_SIZE, "a stream's checksum must fit its memo");
+
 uint8_t hal_stream_changed(hal_stream_t* hal_stream, uint8_t update_crc) {
-  return hal_settings_changed(&hal_stream->settings, sizeof(hal_stream->settings), &hal_stream->settings_crc,
-                              update_crc);
+  return hal_settings_changed_memo(&hal_stream->crc_memo, &hal_stream->settings, sizeof(hal_stream->settings),
+                                   &hal_stream->settings_crc, update_crc);
 }
 
 /* The service's checksum runs on over its `enabled` byte. */
-static uint32_t hal_service_crc(const hal_service_t* hal_service) {
-  uint32_t crc = static_cast<uint32_t>(crc32(0, NULL, 0));
-  crc = hal_crc32(crc, &hal_service->settings, sizeof(hal_service->settings));
-  return hal_crc32(crc, &hal_service->enabled, sizeof(hal_service->enabled));
+static uint32_t hal_service_crc(hal_service_t* hal_service) {
+  return hal_crc32_memo(&hal_service->crc_memo, &hal_service->settings, sizeof(hal_service->settings),
+                        &hal_service->enabled, sizeof(hal_service->enabled));
 }
 
 uint8_t hal_service_changed(hal_service_t* hal_service, uint8_t update_crc) {
@@ -244,8 +247,7 @@ uint8_t hal_service_changed(hal_service_t* hal_service, uint8_t update_crc) {
 
 uint8_t hal_ts_changed(hal_ts_t* hal_ts, uint8_t update_crc) {
   uint8_t changed = 0;
-  uint32_t crc =
-      hal_crc32(static_cast<uint32_t>(crc32(0, NULL, 0)), &hal_ts->settings, sizeof(hal_ts->settings));
+  uint32_t crc = hal_crc32_memo(&hal_ts->crc_memo, &hal_ts->settings, sizeof(hal_ts->settings));
   if (crc != hal_ts->settings_crc) {
     DBG_WRN("crc calc %d ; crc stored %d !!", static_cast<int>(crc), static_cast<int>(hal_ts->settings_crc));
     changed = 1;

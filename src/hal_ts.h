@@ -35,6 +35,7 @@ typedef struct hal_ts_t {
   uint32_t tag;
   void* owner; /* the multiplexer that has taken this TS as its master input */
   uint32_t settings_crc;
+  hal_crc_memo_t crc_memo;
   struct {
     hal_err_t (*tsid)(void* user, uint16_t tsid);
     hal_err_t (*onid)(void* user, uint16_t onid);
@@ -73,6 +74,7 @@ typedef struct hal_service_t {
   uint32_t tag;
   uint8_t enabled; /* outside the settings, inside the checksum */
   uint32_t settings_crc;
+  hal_crc_memo_t crc_memo;
   struct {
     hal_err_t (*sid)(void* user, uint16_t sid);
     hal_err_t (*type)(void* user, uint8_t type);
@@ -103,6 +105,7 @@ typedef struct hal_stream_t {
   hal_object_t hal_object;
   uint32_t tag;
   uint32_t settings_crc;
+  hal_crc_memo_t crc_memo;
   struct {
     hal_err_t (*pid)(void* user, uint16_t pid);
     hal_err_t (*type)(void* user, hal_stream_type_t type);

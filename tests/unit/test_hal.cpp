@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <string>
 #include <vector>
@@ -209,6 +210,54 @@ TEST_F(Hal, NoLinesWithoutVerbose) {
   verbose = 0;
   EXPECT_EQ(poll(), "");
   EXPECT_EQ(steps, (std::vector<std::string>{"sync 0", "apply 0"}));
+}
+
+/* zlib's crc32 of the bytes laid end to end, computed directly. */
+uint32_t zlib_crc(const std::string& bytes) {
+  return static_cast<uint32_t>(crc32(crc32(0, NULL, 0), reinterpret_cast<const Bytef*>(bytes.data()),
+                                     static_cast<uInt>(bytes.size())));
+}
+
+TEST(HalCrcMemo, GivesZlibsChecksumOfTheBytesLaidEndToEnd) {
+  hal_crc_memo_t memo = {};
+  const std::string head = "settings";
+  const uint8_t tail = 1;
+  EXPECT_EQ(zlib_crc(head + '\x01'), hal_crc32_memo(&memo, head.data(), head.size(), &tail, 1));
+  EXPECT_EQ(zlib_crc(head + '\x01'), hal_crc32_memo(&memo, head.data(), head.size(), &tail, 1));
+  EXPECT_EQ(zlib_crc(head), hal_crc32_memo(&memo, head.data(), head.size()));
+}
+
+TEST(HalCrcMemo, BytesThatMovedSinceTheLastChecksumAreHashedAgain) {
+  hal_crc_memo_t memo = {};
+  std::string group(40, 'a');
+  hal_crc32_memo(&memo, group.data(), group.size());
+  group[39] = 'b';
+  EXPECT_EQ(zlib_crc(group), hal_crc32_memo(&memo, group.data(), group.size()));
+  uint8_t tail = 0;
+  hal_crc32_memo(&memo, group.data(), group.size(), &tail, 1);
+  tail = 1;
+  EXPECT_EQ(zlib_crc(group + '\x01'), hal_crc32_memo(&memo, group.data(), group.size(), &tail, 1));
+}
+
+TEST(HalCrcMemo, AGroupLargerThanTheMemoIsStillHashed) {
+  hal_crc_memo_t memo = {};
+  std::string group(HAL_CRC_MEMO_SIZE + 1, 'a');
+  EXPECT_EQ(zlib_crc(group), hal_crc32_memo(&memo, group.data(), group.size()));
+  group[0] = 'b';
+  EXPECT_EQ(zlib_crc(group), hal_crc32_memo(&memo, group.data(), group.size()));
+}
+
+TEST(HalCrcMemo, ChangeTestTakesInOnlyWhenAsked) {
+  hal_crc_memo_t memo = {};
+  const std::string group = "group";
+  uint32_t settings_crc = 0;
+  EXPECT_EQ(1, hal_settings_changed_memo(&memo, group.data(), group.size(), &settings_crc, 0));
+  EXPECT_EQ(0u, settings_crc);
+  EXPECT_EQ(1, hal_settings_changed_memo(&memo, group.data(), group.size(), &settings_crc, 1));
+  EXPECT_EQ(zlib_crc(group), settings_crc);
+  EXPECT_EQ(0, hal_settings_changed_memo(&memo, group.data(), group.size(), &settings_crc, 1));
+  settings_crc++; /* a forced change */
+  EXPECT_EQ(1, hal_settings_changed_memo(&memo, group.data(), group.size(), &settings_crc, 1));
 }
 
 TEST_F(Hal, AlloceZeroFills) {

@@ -1,12 +1,18 @@
 #!/bin/sh
 # Installs the Debian packages the host build and its tests need, when any is missing.
-# With "board", also what the 32-bit ARM build needs.
+# Each argument adds a group: "board" (the 32-bit ARM build), "fuzz" (the libFuzzer harnesses),
+# "lint" (the static analysis).
 set -eu
 
 packages="cmake make g++ pkg-config libjansson-dev zlib1g-dev googletest libgtest-dev libgmock-dev python3 python3-pytest procps valgrind"
-if [ "${1:-}" = "board" ]; then
-  packages="$packages g++-arm-linux-gnueabihf qemu-user file binutils-arm-linux-gnueabihf"
-fi
+for group in "$@"; do
+  case "$group" in
+    board) packages="$packages g++-arm-linux-gnueabihf qemu-user file binutils-arm-linux-gnueabihf" ;;
+    fuzz) packages="$packages clang libclang-rt-14-dev iproute2" ;;
+    lint) packages="$packages clang clang-tidy cppcheck" ;;
+    *) echo "usage: scripts/deps.sh [board] [fuzz] [lint]" >&2; exit 2 ;;
+  esac
+done
 
 missing=""
 for package in $packages; do

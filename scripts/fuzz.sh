@@ -15,19 +15,7 @@ case "$seconds" in
   '' | *[!0-9]*) echo "usage: scripts/fuzz.sh [seconds-per-harness] [harness ...]" >&2; exit 2 ;;
 esac
 
-packages="clang libclang-rt-14-dev cmake make pkg-config libjansson-dev zlib1g-dev iproute2"
-missing=""
-for package in $packages; do
-  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing="$missing $package"
-done
-if [ -n "$missing" ]; then
-  sudo=""
-  [ "$(id -u)" -eq 0 ] || sudo="sudo"
-  echo "Installing:$missing"
-  $sudo apt-get update -qq || echo "apt-get update reported errors; going on with the indexes it has"
-  # shellcheck disable=SC2086 # one word per package
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends $missing >/dev/null
-fi
+scripts/deps.sh fuzz
 
 build=build/fuzz
 CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVID_FUZZ=ON -DTAVID_TESTS=OFF \

@@ -6,11 +6,15 @@
 #   scripts/valgrind.sh integration   the integration tests that cover every object and every
 #                                     output mode (assembly, objects, settings, streaming,
 #                                     dispatch), with the daemon started under valgrind
+#   scripts/valgrind.sh --no-build …  the same with the build left as it is (the pipeline builds
+#                                     once and runs both parts at the same time)
 #
 # Any error or definite or indirect leak fails the run and its report is printed. The daemon's
 # leak check runs when it ends on SIGTERM, as the tests end it.
 set -eu
 cd "$(dirname "$0")/.."
+build_first=1
+if [ "${1:-}" = --no-build ]; then build_first=0; shift; fi
 parts="${*:-unit integration}"
 build=build/valgrind
 memcheck="valgrind -q --leak-check=full --errors-for-leak-kinds=definite,indirect"
@@ -19,8 +23,10 @@ memcheck="valgrind -q --leak-check=full --errors-for-leak-kinds=definite,indirec
 integration_tests="test_04_dispatch.py test_06_assembly.py test_07_objects.py test_08_settings.py
   test_09_streaming.py"
 
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DTAVID_SANITIZE=OFF >/dev/null
-cmake --build "$build" -j"$(nproc)"
+if [ "$build_first" = 1 ]; then
+  cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DTAVID_SANITIZE=OFF >/dev/null
+  cmake --build "$build" -j"$(nproc)"
+fi
 
 unit() {
   log=$build/valgrind.log

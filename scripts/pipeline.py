@@ -58,6 +58,21 @@ def steps() -> list:
     host_integration = ("TAVID_BIN=$PWD/build/test/src/tavid TAVICTL_BIN=$PWD/build/test/src/tavictl "
                         f"{py} -m pytest -q -p no:cacheprovider tests/integration")
     return [
+        # The host build without sanitizers: valgrind (the longest chain), then the soak.
+        Step("valgrind-build", "cmake -S . -B build/valgrind -DCMAKE_BUILD_TYPE=Debug -DTAVID_SANITIZE=OFF"
+             " >/dev/null && cmake --build build/valgrind -j2", cores=2),
+        Step("valgrind-integration", "scripts/valgrind.sh --no-build integration", needs=("valgrind-build",),
+             cores=1, netns=True),
+        Step("valgrind-unit", "scripts/valgrind.sh --no-build unit", needs=("valgrind-build",), cores=1,
+             netns=True),
+        Step("soak", f"{py} scripts/soak.py --tavid build/valgrind/src/tavid --minutes 3",
+             needs=("valgrind-build",), netns=True, ci_only=True),
+        # The host build under the sanitizers.
+        Step("asan-build", "cmake -S . -B build/test -DCMAKE_BUILD_TYPE=Debug -DTAVID_SANITIZE=ON >/dev/null"
+             " && cmake --build build/test -j2", cores=2),
+        Step("asan-unit", "ctest --test-dir build/test --output-on-failure -j2 -E '^integration$'",
+             needs=("asan-build",), cores=1, netns=True, env=SANITIZER_ENV),
+        Step("asan-integration", host_integration, needs=("asan-build",), netns=True, env=SANITIZER_ENV),
         # The ARM build with a box root: every unit test and the integration suite on the daemon
         # under qemu-arm.
         Step("sysroot", "scripts/armhf-sysroot.sh"),
@@ -65,26 +80,11 @@ def steps() -> list:
         Step("arm-unit", "ctest --test-dir build-board-hostroot --output-on-failure -E '^integration$'",
              needs=("arm-build",), cores=1, netns=True),
         Step("arm-integration", "ctest --test-dir build-board-hostroot --output-on-failure -R '^integration$'",
-             needs=("arm-build",), cores=0, netns=True),
-        # The host build under the sanitizers.
-        Step("asan-build", "cmake -S . -B build/test -DCMAKE_BUILD_TYPE=Debug -DTAVID_SANITIZE=ON >/dev/null"
-             " && cmake --build build/test -j2", cores=2),
-        Step("asan-unit", "ctest --test-dir build/test --output-on-failure -j2 -E '^integration$'",
-             needs=("asan-build",), cores=1, netns=True, env=SANITIZER_ENV),
-        Step("asan-integration", host_integration, needs=("asan-build",), cores=0, netns=True,
-             env=SANITIZER_ENV),
-        # The host build without sanitizers: valgrind, then the soak.
-        Step("valgrind-build", "cmake -S . -B build/valgrind -DCMAKE_BUILD_TYPE=Debug -DTAVID_SANITIZE=OFF"
-             " >/dev/null && cmake --build build/valgrind -j2", cores=2),
-        Step("valgrind-integration", "scripts/valgrind.sh --no-build integration", needs=("valgrind-build",),
-             cores=1, netns=True),
-        Step("valgrind-unit", "scripts/valgrind.sh --no-build unit", needs=("valgrind-build",), cores=1, netns=True),
+             needs=("arm-build",), netns=True),
         # The board's own build (the box's paths): the binary that ships, and its checks.
         Step("board-build", "scripts/build-board.sh --no-tests", needs=("sysroot",), cores=2),
         Step("lint", "scripts/lint.sh", cores=2, ci_only=True),
         Step("fuzz", "scripts/fuzz.sh 20", cores=1, ci_only=True),
-        Step("soak", f"{py} scripts/soak.py --tavid build/valgrind/src/tavid --minutes 3",
-             needs=("valgrind-build",), cores=0, netns=True, ci_only=True),
         Step("bench-quick", "bench/run.sh --quick", cores=1, netns=True, ci_only=True),
     ]
 

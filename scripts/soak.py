@@ -41,9 +41,10 @@ out: with it on, the figure crept by 17 to 20 bytes a request over 3 minutes as 
 filled with more sizes. After warm-up and after every cycle the soak waits until the poll
 cycle is idle and takes the least of three readings; the verdict is the growth from warm-up to
 the end divided by the requests in between. Measured in the 3-minute run: 0 bytes in every
-mode over 408 to 624 requests each (RF 107 440 bytes after warm-up, after every cycle and at the
-end, IP SPTS 82 688, IP MPTS 93 952), while a leak of a 16-byte block per request measures 32 to
-33 bytes per request (a 16-byte block takes a 32-byte chunk) and one of 40 bytes 48 to 49.
+mode over 375 to 728 requests each (RF 107 440 bytes after warm-up, after every cycle and at the
+end, IP SPTS 82 688, IP MPTS 93 952; also 0 in each of 12 minutes' six daemons, 816 to 1 248
+requests each), while a leak of a 16-byte block per request measures 32 to 33.4 bytes per
+request (a 16-byte block takes a 32-byte chunk) and one of 40 bytes 48 to 49.
 
 Resident memory stays a reported figure and a coarse guard for memory outside malloc: glibc
 malloc makes VmRSS creep for a while as each request's short-lived buffers land in new places

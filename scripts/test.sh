@@ -1,7 +1,8 @@
 #!/bin/sh
 # Builds the host daemon with AddressSanitizer and UndefinedBehaviorSanitizer and runs every
 # test: the unit tests and the integration tests against the box simulator; then, under valgrind,
-# the unit tests and the integration tests that cover every object and mode.
+# the unit tests and the integration tests that cover every object and mode. Each part names its
+# skipped tests and counts them.
 set -eu
 cd "$(dirname "$0")/.."
 scripts/deps.sh
@@ -11,6 +12,6 @@ cmake --build "$build" -j"$(nproc)"
 # Any sanitizer report fails the test that met it.
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
-ctest --test-dir "$build" --output-on-failure -j"$(nproc)"
+scripts/ctest.sh "$build" -j"$(nproc)"
 # The same under valgrind (a build of its own).
 scripts/valgrind.sh

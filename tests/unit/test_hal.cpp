@@ -479,6 +479,18 @@ const std::string kStorageLed = "/storage/brightness /storage/trigger";
 const std::string kHwmon = "/sys/class/hwmon/hwmon0/device/temp1_input";
 const std::string kThermal = "/sys/devices/virtual/thermal/thermal_zone0/temp";
 
+/* What the variants with four modules register first, and so list last: the HDMI inputs, the
+ * modules and the bus. */
+const std::vector<std::string> kFourModules = {
+    "input_hdmi on mod_tarn_0, ts 3", "input_hdmi on mod_tarn_1, ts 2", "input_hdmi on mod_tarn_2, ts 1",
+    "input_hdmi on mod_tarn_3, ts 0", "mod_tarn mod_tarn_0 at 0x30",    "mod_tarn mod_tarn_1 at 0x31",
+    "mod_tarn mod_tarn_2 at 0x32",    "mod_tarn mod_tarn_3 at 0x33",    "i2c i2c_0 on /dev/i2c-0"};
+
+std::vector<std::string> then(std::vector<std::string> first, const std::vector<std::string>& rest) {
+  first.insert(first.end(), rest.begin(), rest.end());
+  return first;
+}
+
 /* The TS-mux chips as the first poll cycle leaves them with no service switched on: every input
  * port off, and the first HDMI input's port on with a filter that passes only stuffing. */
 const std::vector<std::string> kStuffingOnly = {"port 0 off, disable", "port 1 off, disable",
@@ -487,24 +499,11 @@ const std::vector<std::string> kStuffingOnly = {"port 0 off, disable", "port 1 o
 
 TEST_F(HalAssembly, RfBuildsTwoMultiplexersOnTheBoardsRoutingEachOnItsOwnChipFeedingItsOwnOutput) {
   start(hal_init_rf);
-  EXPECT_EQ(registry(), (std::vector<std::string>{
-                            "device rf: " + kRgbRedLed + " " + kHwmon,
-                            "output_rf on mod_tarn_0, ts 7, fed by tsmux 0",
-                            "output_rf on mod_tarn_2, ts 6, fed by tsmux 1",
-                            "tsmux on it9305 0, ts 5: " + kRouting,
-                            "tsmux on it9305 1, ts 4: " + kRouting,
-                            "it9305, not brought up",
-                            "it9305, not brought up",
-                            "input_hdmi on mod_tarn_0, ts 3",
-                            "input_hdmi on mod_tarn_1, ts 2",
-                            "input_hdmi on mod_tarn_2, ts 1",
-                            "input_hdmi on mod_tarn_3, ts 0",
-                            "mod_tarn mod_tarn_0 at 0x30",
-                            "mod_tarn mod_tarn_1 at 0x31",
-                            "mod_tarn mod_tarn_2 at 0x32",
-                            "mod_tarn mod_tarn_3 at 0x33",
-                            "i2c i2c_0 on /dev/i2c-0",
-                        }));
+  EXPECT_EQ(registry(),
+            then({"device rf: " + kRgbRedLed + " " + kHwmon, "output_rf on mod_tarn_0, ts 7, fed by tsmux 0",
+                  "output_rf on mod_tarn_2, ts 6, fed by tsmux 1", "tsmux on it9305 0, ts 5: " + kRouting,
+                  "tsmux on it9305 1, ts 4: " + kRouting, "it9305, not brought up", "it9305, not brought up"},
+                 kFourModules));
   EXPECT_EQ(chip(0), kStuffingOnly);
   EXPECT_EQ(chip(1), kStuffingOnly);
 }
@@ -547,21 +546,10 @@ TEST_F(HalAssembly, RfAnInputMasteredByOneMultiplexerHasItsPsiBlockedOnTheOther)
 
 TEST_F(HalAssembly, IpMptsBuildsOneMultiplexerOnTheBoardsRoutingFeedingTheStream) {
   start(hal_init_ip_mpts);
-  EXPECT_EQ(registry(), (std::vector<std::string>{
-                            "device ip_mpts: " + kRgbRedLed + " " + kHwmon,
-                            "output_ip qel 4, ts 5, fed by tsmux 0",
-                            "tsmux on it9305 0, ts 4: " + kRouting,
-                            "it9305, not brought up",
-                            "input_hdmi on mod_tarn_0, ts 3",
-                            "input_hdmi on mod_tarn_1, ts 2",
-                            "input_hdmi on mod_tarn_2, ts 1",
-                            "input_hdmi on mod_tarn_3, ts 0",
-                            "mod_tarn mod_tarn_0 at 0x30",
-                            "mod_tarn mod_tarn_1 at 0x31",
-                            "mod_tarn mod_tarn_2 at 0x32",
-                            "mod_tarn mod_tarn_3 at 0x33",
-                            "i2c i2c_0 on /dev/i2c-0",
-                        }));
+  EXPECT_EQ(registry(),
+            then({"device ip_mpts: " + kRgbRedLed + " " + kHwmon, "output_ip qel 4, ts 5, fed by tsmux 0",
+                  "tsmux on it9305 0, ts 4: " + kRouting, "it9305, not brought up"},
+                 kFourModules));
   EXPECT_EQ(chip(0), kStuffingOnly);
 }
 

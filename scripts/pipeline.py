@@ -56,7 +56,7 @@ def steps() -> list:
     """The graph. The longest chains come first, so that they start first when cores are free."""
     py = "/usr/bin/python3"
     host_integration = ("TAVID_BIN=$PWD/build/test/src/tavid TAVICTL_BIN=$PWD/build/test/src/tavictl "
-                        f"{py} -m pytest -q -p no:cacheprovider tests/integration")
+                        f"{py} -m pytest -q -rs -p no:cacheprovider tests/integration")
     return [
         # The host build without sanitizers: valgrind (the longest chain), then the soak.
         Step("valgrind-build", "cmake -S . -B build/valgrind -DCMAKE_BUILD_TYPE=Debug -DTAVID_SANITIZE=OFF"
@@ -70,19 +70,20 @@ def steps() -> list:
         # The host build under the sanitizers.
         Step("asan-build", "cmake -S . -B build/test -DCMAKE_BUILD_TYPE=Debug -DTAVID_SANITIZE=ON >/dev/null"
              " && cmake --build build/test -j2", cores=2),
-        Step("asan-unit", "ctest --test-dir build/test --output-on-failure -j2 -E '^integration$'",
+        Step("asan-unit", "scripts/ctest.sh build/test -j2 -E '^integration$'",
              needs=("asan-build",), cores=1, netns=True, env=SANITIZER_ENV),
         Step("asan-integration", host_integration, needs=("asan-build",), netns=True, env=SANITIZER_ENV),
         # The ARM build with a box root: every unit test and the integration suite on the daemon
         # under qemu-arm.
         Step("sysroot", "scripts/armhf-sysroot.sh"),
         Step("arm-build", "scripts/build-board.sh --host-root --no-tests", needs=("sysroot",), cores=2),
-        Step("arm-unit", "ctest --test-dir build-board-hostroot --output-on-failure -E '^integration$'",
+        Step("arm-unit", "scripts/ctest.sh build-board-hostroot -j2 -E '^integration$'",
              needs=("arm-build",), cores=1, netns=True),
-        Step("arm-integration", "ctest --test-dir build-board-hostroot --output-on-failure -R '^integration$'",
+        Step("arm-integration", "scripts/ctest.sh build-board-hostroot -R '^integration$'",
              needs=("arm-build",), netns=True),
-        # The board's own build (the box's paths): the binary that ships, and its checks.
-        Step("board-build", "scripts/build-board.sh --no-tests", needs=("sysroot",), cores=2),
+        # The board's own build (the box's paths): the binary that ships, its checks and the tests
+        # of the box paths.
+        Step("board-build", "scripts/build-board.sh", needs=("sysroot",), cores=2),
         Step("lint", "scripts/lint.sh", cores=2, ci_only=True),
         Step("fuzz", "scripts/fuzz.sh 20", cores=1, ci_only=True),
         Step("bench-quick", "bench/run.sh --quick", cores=1, netns=True, ci_only=True),

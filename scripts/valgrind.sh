@@ -28,8 +28,13 @@ if [ "$build_first" = 1 ]; then
   cmake --build "$build" -j"$(nproc)"
 fi
 
+# GoogleTest's own count of the tests that passed or skipped ("[  PASSED  ] 12 tests.").
+gtest_count() { sed -n "s/^\[  $1 *\] \([0-9]*\) tests\{0,1\}\.\$/\1/p" "$2" | tail -n 1; }
+
 unit() {
   log=$build/valgrind.log
+  passed=0
+  skipped=0
   for test in "$build"/tests/unit/test_*; do
     [ -x "$test" ] || continue
     if ! $memcheck --error-exitcode=99 "$test" --gtest_brief=1 >"$log" 2>&1; then
@@ -37,8 +42,13 @@ unit() {
       echo "valgrind: $(basename "$test") failed"
       exit 1
     fi
-    echo "valgrind: $(basename "$test") clean"
+    test_passed=$(gtest_count PASSED "$log")
+    test_skipped=$(gtest_count SKIPPED "$log")
+    passed=$((passed + ${test_passed:-0}))
+    skipped=$((skipped + ${test_skipped:-0}))
+    echo "valgrind: $(basename "$test") clean (${test_passed:-0} passed, ${test_skipped:-0} skipped)"
   done
+  echo "valgrind: unit tests clean: $passed passed, $skipped skipped"
 }
 
 # Each daemon writes its own report (valgrind's %p); -q leaves a clean daemon's report empty.
@@ -51,7 +61,7 @@ integration() {
   for test in $integration_tests; do set -- "$@" "tests/integration/$test"; done
   TAVID_BIN=$PWD/$build/src/tavid TAVICTL_BIN=$PWD/$build/src/tavictl \
     TAVID_LAUNCHER="$memcheck --child-silent-after-fork=yes --log-file=$logs/tavid.%p.log" \
-    /usr/bin/python3 -m pytest -q -p no:cacheprovider "$@"
+    /usr/bin/python3 -m pytest -q -rs -p no:cacheprovider "$@"
   daemons=$(find "$logs" -name 'tavid.*.log' | wc -l)
   dirty=$(find "$logs" -name 'tavid.*.log' -size +0c)
   if [ -n "$dirty" ]; then

@@ -1181,6 +1181,41 @@ def test_qel2ip_ignores_sigterm_on_demand_and_ends_on_sigkill(box):
         child.kill()
 
 
+def test_qel2ip_ends_on_sigterm_only_as_long_after_it_as_asked(box):
+    box.configure_qel2ip(sigterm_delay_ms=300)
+    _, child = start_qel2ip(box, "-d", "239.0.0.1", "-p", "5000", "-i", "0")
+    try:
+        child.send_signal(signal.SIGTERM)
+        assert child.wait(5) == -signal.SIGTERM
+        held, end = box.qel2ip_log()[1:]
+        assert (held["event"], end["event"]) == ("sigterm_held", "sigterm_end")
+        assert end["time"] - held["time"] >= 0.3
+    finally:
+        child.kill()
+
+
+@pytest.mark.parametrize("sig", [signal.SIGTERM, signal.SIGKILL])
+def test_qel2ip_holds_its_end_back_from_its_parent_on_demand(box, sig):
+    assert control(box, {"cmd": "set_qel2ip", "reap_delay_ms": 500}) == {"ok": True}
+    _, child = start_qel2ip(box, "-d", "239.0.0.1", "-p", "5000", "-i", "0")
+    try:
+        if "untraced" in [e["event"] for e in box.qel2ip_log()]:
+            pytest.skip(f"no tracing of processes here: {box.qel2ip_log()}")
+        child.send_signal(sig)
+        wait_for(lambda: len(box.qel2ip_log()) == 2, what="the end seen by the tracer")
+        # Ended, but its parent cannot collect it until the tracer lets it go.
+        with pytest.raises(subprocess.TimeoutExpired):
+            child.wait(0.2)
+        assert child.wait(5) == -sig
+        start, ended, released = box.qel2ip_log()
+        assert [(e["event"], e["pid"]) for e in (start, ended, released)] == [
+            ("start", child.pid), ("ended", child.pid), ("released", child.pid)]
+        assert ended["signal"] == sig
+        assert released["time"] - ended["time"] >= 0.5
+    finally:
+        child.kill()
+
+
 def test_stop_ends_the_stand_ins_a_killed_daemon_left_running(make_box):
     box = make_box()
     _, child = start_qel2ip(box, "-d", "239.0.0.1", "-p", "5000", "-i", "4")
@@ -1212,7 +1247,8 @@ def test_qel2ip_writes_the_rate_asked_for_or_none(box):
     assert control(box, {"cmd": "set_qel2ip", "rate": None}) == {"ok": True}
     assert run_qel2ip_to_its_end(box) == 0
     assert not os.path.exists(box.path("tmp/qelstat4"))
-    assert box.qel2ip_config() == {"ignore_sigterm": False, "rate": None, "exit_status": 0}
+    assert box.qel2ip_config() == {"ignore_sigterm": False, "rate": None, "exit_status": 0,
+                                   "sigterm_delay_ms": None, "reap_delay_ms": None}
 
 
 def test_qel2ip_ends_by_itself_on_demand(box):
@@ -1235,14 +1271,16 @@ def test_qel2ip_query_and_statistics_files(box):
         wait_for(lambda: os.path.exists(box.path("tmp/qelstat1")))
         answer = control(box, {"cmd": "qel2ip"})
         assert answer["ok"] is True
-        assert answer["config"] == {"ignore_sigterm": False, "rate": "12.5", "exit_status": None}
+        assert answer["config"] == {"ignore_sigterm": False, "rate": "12.5", "exit_status": None,
+                                    "sigterm_delay_ms": None, "reap_delay_ms": None}
         assert answer["stats"] == {"1": "12.5", "4": "7.25"}
         assert [(r["pid"], r["running"]) for r in answer["runs"]] == [(child.pid, True)]
         assert [e["event"] for e in answer["log"]] == ["start"]
     finally:
         child.kill()
         child.wait()
-    for bad in ({"ignore_sigterm": 1}, {"rate": 12.5}, {"exit_status": -1}, {"speed": 1}):
+    for bad in ({"ignore_sigterm": 1}, {"rate": 12.5}, {"exit_status": -1}, {"speed": 1}, {"sigterm_delay_ms": -1},
+                {"reap_delay_ms": "1"}, {"ignore_sigterm": True, "sigterm_delay_ms": 10}):
         assert control(box, {"cmd": "set_qel2ip", **bad})["ok"] is False
     assert control(box, {"cmd": "set_qelstat", "unit": "../x", "text": "1"})["ok"] is False
     assert box.qel2ip_config()["rate"] == "12.5"

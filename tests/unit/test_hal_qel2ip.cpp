@@ -443,7 +443,7 @@ TEST_F(HalQel2ip, ChildIgnoringSigtermIsKilledAfterTheWholeWait) {
   printed_t printed = printed_by([&] { err = hal_qel2ip_stop(q); });
   double elapsed = seconds_since(start);
 
-  EXPECT_GE(elapsed, QEL2IP_STOP_TIMEOUT * 0.01);
+  EXPECT_GE(elapsed, 5.0); /* 500 sleeps of 10 ms */
   EXPECT_LT(elapsed, 30.0);
   std::vector<std::string> messages = messages_in(printed.out);
   std::vector<std::string> warnings = warnings_in(printed.err);

@@ -36,7 +36,8 @@ The bus and the modules:
   set_error addr code error the error byte answered to code instead of executing; null: none
   set_corrupt addr [code] kind   broken replies (to code; absent: to all): "tag", "end",
                             "length" (past any read), "code" (wrong echo); null: mended
-  clear_faults addr         the module's faults gone (absence is the bus's: set_absent)
+  clear_faults addr         the module's faults gone, a busy time in progress ended
+                            (absence is the bus's: set_absent)
 
 The board's files:
   temperature               the text of both sensor files (null: missing) and which one the

@@ -197,6 +197,18 @@ def listening_sockets(pid: int) -> list:
     return [(row.address, row.port) for row in tcp_sockets() if row.state == TCP_LISTEN and row.inode in inodes]
 
 
+TCP_ESTABLISHED = "01"
+
+
+def accepted(client: socket.socket) -> bool:
+    """Whether the daemon has taken this client's connection from its listen queue: the kernel
+    gives the daemon's end of a connection an inode only when it is accepted, and that end is
+    closing once the daemon has served the request."""
+    ends = (client.getpeername()[1], client.getsockname()[1])
+    return any(row.state != TCP_ESTABLISHED or row.inode != 0 for row in tcp_sockets()
+               if (row.port, row.remote_port) == ends)
+
+
 # ---------------------------------------------------------------------------------------------
 # A running daemon
 
@@ -598,6 +610,44 @@ def new_log_lines(daemon: Daemon, since: int) -> list:
     return log_lines(daemon.stderr()[since:], leave_out=TS_TRACES)
 
 
+# One message line, or one blank line (the poll cycle writes one around each sync and apply).
+_MESSAGE_LINE = re.compile(rb"\x1b\[0mtavid \[MSG\]: (.*?)\x1b\[0m\n\r|\n\r", re.DOTALL)
+
+
+def messages(output: bytes) -> list:
+    """The texts of the message lines of a standard output stream, in order, without the blank
+    lines. Anything in the stream that is neither fails the test."""
+    texts, position = [], 0
+    while position < len(output):
+        line = _MESSAGE_LINE.match(output, position)
+        assert line is not None, f"no message line at byte {position}: {output[position:position + 400]!r}"
+        if line.group(1) is not None:
+            texts.append(line.group(1).decode(errors="replace"))
+        position = line.end()
+    return texts
+
+
+def new_messages(daemon: Daemon, since: int) -> list:
+    """The texts of the messages that the daemon wrote after the first `since` bytes of its
+    standard output."""
+    return messages(daemon.stdout()[since:])
+
+
+# How many times the first poll cycle syncs the PSI of a module, by mode: twice in IP SPTS mode,
+# where the IP output syncs its transport streams and then, in the nested cycle, what that
+# first sync changed in them. Every PSI sync ends with the letter "C".
+FIRST_POLL_PSI_SYNCS = {"rf": 0, "ip_spts": 2, "ip_mpts": 0}
+PSI_SYNCED = wrn_line("hal_mod_tarn_sync_psi", "C")
+
+
+def first_start_lines(mode: str) -> list:
+    """The warning lines of a first start without a settings file (checksum traces left out):
+    the first poll cycle's PSI syncs, then the restore that finds no file."""
+    return [PSI_SYNCED] * FIRST_POLL_PSI_SYNCS[mode] + [
+        wrn_line("cmd_restore_settings", "Could not open settings file for restoring..."),
+        wrn_line("main", "Could not restore settings...")]
+
+
 # ---------------------------------------------------------------------------------------------
 # Requests by object, and their replies
 
@@ -641,6 +691,26 @@ def rf_frequency(daemon: Daemon, output_id: str = "0") -> str:
     return get(daemon, "output_rf_mod", output_id=output_id)["result"]["frequency"]
 
 
+def compact(value) -> bytes:
+    """A JSON value as the daemon writes it: compact, keys in their order."""
+    return json.dumps(value, separators=(",", ":"), ensure_ascii=False).encode()
+
+
+# The objects whose instances the settings file holds, in the order of the daemon's object table.
+STORED_OBJECTS = ("device", "input_hdmi", "output_rf", "output_ip")
+
+
+def settings_text(daemon: Daemon) -> bytes:
+    """What a store writes now: for every instance of every stored object, in order, a "set"
+    request whose arguments are what a get answers for that instance, and "\\n\\r"."""
+    records = []
+    for obj in STORED_OBJECTS:
+        reply = json.loads(send(daemon, "get", obj))
+        records += [compact({"action": "set", "object": obj, "args": args}) + b"\n\r"
+                    for args in reply.get("arrayedResult", [])]
+    return b"".join(records)
+
+
 # ---------------------------------------------------------------------------------------------
 # Waiting for the box
 
@@ -658,10 +728,11 @@ def led_cleared(box: tavisim.Box, mode: str) -> bool:
 
 
 def ready(box: tavisim.Box, daemon: Daemon):
-    """The first poll pass is over (settings restored, the mode's alarm LED cleared): the next
-    request is served after it."""
+    """The first poll pass is over (settings restored, the mode's alarm LED cleared, the
+    temperature read): a request answered after the LED was cleared proves the rest of it."""
     wait_for(lambda: led_cleared(box, box.mode) or not daemon.running(), what="alarm LED cleared")
     assert daemon.running(), daemon.stderr()
+    barrier(daemon)
 
 
 def settle(box: tavisim.Box, quiet: float = 0.3, timeout: float = REPLY_WAIT):
@@ -696,6 +767,33 @@ def start_ready(make_box, tavid, mode: str, *args, prepare=None, box: tavisim.Bo
     if at_rest:
         settle(box)
     return box, daemon
+
+
+# How long the daemon may take. The constants are the daemon's own: what it waits for by
+# design. A lower bound is such a constant alone, as the daemon cannot be quicker than what it
+# waits for; an upper bound adds SLOW, the time that the work around the wait may take when the
+# daemon runs under valgrind's memcheck (20 to 50 times slower than natively) or qemu-arm on a
+# loaded 2-core machine. A bound only has to tell the documented wait from a wrong one: the
+# next longer wait of the daemon is the module's 30 s, and the tests' own patience is
+# REPLY_WAIT.
+READ_SILENCE = 0.05  # a request ends after 50 ms without a byte
+NETSETTINGS_WAIT = 5.0  # the network-settings service is given 5 s to answer
+QEL2IP_STOP_WAIT = 5.0  # the streaming program is polled 500 times, 10 ms apart, after SIGTERM
+MODULE_WAIT = 30.0  # a busy module is waited for 30 s
+SLOW = 10.0
+
+
+def barrier(daemon: Daemon, passes: int = 1):
+    """Returns once the daemon has run `passes` whole poll cycles after the request it answered
+    last. The main loop serves at most one connection per pass and runs the pass's poll cycle
+    right after it, and that cycle makes every sync and apply that the request brought (the
+    nested cycles run within it): the answer to one more request proves it over. Two passes
+    also prove the cycle after that one over, which must have found nothing left to do, and a
+    whole cycle after a change that did not come through a request (a file or a module changed
+    by the test), which may have met a cycle already under way. The request needs no module
+    and leaves no log line."""
+    for _ in range(passes):
+        assert request(daemon.port, b"[]") == error("JSON command is invalid (JSON object)")
 
 
 # ---------------------------------------------------------------------------------------------
@@ -756,6 +854,12 @@ def events(box: tavisim.Box) -> list:
 
 def bitrate(daemon: Daemon) -> bytes:
     return send(daemon, "get", "output_ip_status", output_id="0")
+
+
+def ip_apply(*texts: str) -> list:
+    """The messages of an apply of the IP output, with these of the streaming program inside."""
+    return ["<APPLY_REQUIRED> hal_output_ip (0)", "<APPLY> hal_output_ip", "<APPLY_SETTINGS>", *texts,
+            "</APPLY_SETTINGS>", "</APPLY>", "</APPLY_REQUIRED> hal_output_ip (0)"]
 
 
 def gone(pid: int) -> bool:

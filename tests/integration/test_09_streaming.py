@@ -11,8 +11,8 @@ from pathlib import Path
 
 import pytest
 
-from conftest import (UNSUCCESSFUL, bitrate, count, destination, events, gone, msg, new_log_lines, start_ready, stream,
-                      switch, wait_for, wrn, wrn_line)
+from conftest import (PSI_SYNCED, UNSUCCESSFUL, barrier, bitrate, count, destination, events, gone, ip_apply, messages,
+                      msg, new_log_lines, new_messages, start_ready, stream, switch, wait_for, wrn_line)
 
 IP_MODES = ("ip_spts", "ip_mpts")
 UNITS = {"ip_spts": "0", "ip_mpts": "4"}
@@ -43,9 +43,10 @@ def stop_warnings(daemon, since: int) -> list:
 
 
 def logged(daemon, pattern: bytes, times: int = 1):
-    """Waits until the daemon's messages hold the pattern that many times: a message may follow
-    the event it tells of by a poll."""
+    """Waits until the daemon's messages hold the pattern that many times (a message may follow
+    the event it tells of by a poll), and checks that two more poll cycles add none."""
     wait_for(lambda: count(pattern, daemon.stdout()) >= times, what=f"message {pattern!r}")
+    barrier(daemon, 2)
     assert count(pattern, daemon.stdout()) == times, daemon.stdout()
 
 
@@ -56,9 +57,13 @@ def logged(daemon, pattern: bytes, times: int = 1):
 @pytest.mark.parametrize("mode", IP_MODES)
 def test_a_switched_on_service_starts_the_program_with_the_destination_and_no_environment(make_box, tavid, mode):
     box, daemon = start_ready(make_box, tavid, mode, "-v")
+    since = len(daemon.stdout())
     destination(daemon, "239.1.2.3", "1234")
-    time.sleep(0.2)
-    # A destination alone starts nothing: no service is switched on.
+    barrier(daemon, 2)
+    # A destination alone starts nothing: no service is switched on, and its apply stops the
+    # program that never ran.
+    assert new_messages(daemon, since) == ["Storing settings... (/data/settings.conf)",
+                                           *ip_apply("Stopping qel2ip... (PID -1)")]
     assert runs(box) == []
     switch(daemon, FIRST_SERVICE[mode], "1")
     wait_for(lambda: len(runs(box)) == 1, what="streaming program started")
@@ -134,11 +139,17 @@ def test_the_factory_settings_stream_from_the_start(make_box, tavid, mode):
         Path(box.path("data/settings.conf")).write_bytes(
             Path(box.path(f"opt/bin/default_settings_{mode}.conf")).read_bytes())
 
-    box, daemon = start_ready(make_box, tavid, mode, prepare=factory)
+    box, daemon = start_ready(make_box, tavid, mode, "-v", prepare=factory)
+    barrier(daemon, 2)
+    # Every service of the output is switched on at the factory. The first pass restores the
+    # settings after its poll cycle; the next one applies them all at once: one start.
     wait_for(lambda: len(running(box)) == 1, what="streaming program running")
-    # Every service of the output is switched on at the factory: one start per apply that
-    # found a service on, the last one still running.
-    assert [run["argv"] for run in runs(box)] == [argv(box, "239.0.0.1", "5000", UNITS[mode])] * len(runs(box))
+    (run,) = runs(box)
+    assert run["argv"] == argv(box, "239.0.0.1", "5000", UNITS[mode])
+    texts = messages(daemon.stdout())
+    restored = texts[texts.index("Restoring settings... (/data/settings.conf)"):]
+    assert [text for text in restored if "qel2ip" in text.lower()] == [
+        "Starting qel2ip...", f"qel2ip started for destination 239.0.0.1:5000 (QEL: {UNITS[mode]}) (PID {run['pid']})"]
 
 
 # ---------------------------------------------------------------------------------------------
@@ -156,16 +167,20 @@ def test_a_missing_program_is_warned_about_and_nothing_is_started(make_box, tavi
             os.chmod(program, 0o644)
 
     box, daemon = start_ready(make_box, tavid, mode, "-v", prepare=spoil)
+    since = len(daemon.stderr())
     destination(daemon, "239.1.2.3", "1234")
     switch(daemon, FIRST_SERVICE[mode], "1")
-    line = wrn("hal_qel2ip_start", "Qel2ip does not exist or is not executable")
-    wait_for(lambda: count(line, daemon.stderr()) == 1, what="warning")
+    line = wrn_line("hal_qel2ip_start", "Qel2ip does not exist or is not executable")
+    barrier(daemon, 2)
+    # The switch's sync ends its PSI sync, then its apply fails the start.
+    assert new_log_lines(daemon, since) == [PSI_SYNCED, line]
     assert runs(box) == []
     logged(daemon, msg("Starting qel2ip...") + msg("</APPLY_SETTINGS>"))
     assert bitrate(daemon) == b'{"result":{"bitrate":"0","output_id":"0"}}'
     # The next apply tries again.
     destination(daemon, "239.1.2.4", "1234")
-    wait_for(lambda: count(line, daemon.stderr()) == 2, what="second warning")
+    barrier(daemon, 2)
+    assert new_log_lines(daemon, since) == [PSI_SYNCED, line, line]
     assert daemon.running()
 
 
@@ -245,9 +260,7 @@ def test_the_bitrate_is_read_from_the_statistics_file_while_the_program_runs(mak
     stream(box, daemon, "239.1.2.3", "1234", FIRST_SERVICE[mode])
     wait_for(lambda: box.qel2ip_stats().get(unit) == "12.5", what="statistics written")
     box.set_qelstat(unit, text)
+    since = len(daemon.stderr())
     assert bitrate(daemon) == reply
-    if warning is None:
-        assert b"qelstat" not in daemon.stderr()
-    else:
-        line = wrn("hal_qel2ip_get_bitrate", warning.format(f"/tmp/qelstat{unit}"))
-        assert count(line, daemon.stderr()) == 1, daemon.stderr()
+    lines = [] if warning is None else [wrn_line("hal_qel2ip_get_bitrate", warning.format(f"/tmp/qelstat{unit}"))]
+    assert new_log_lines(daemon, since) == lines

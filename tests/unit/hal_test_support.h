@@ -139,9 +139,9 @@ std::string number(T value) {
 /* A driver read, recorded as "get <op>": on success the hardware's value is copied out. */
 template <typename T>
 hal_err_t fake_read(void* user, const char* op, T* value, T hardware) {
-  hal_err_t err = record(user, std::string("get ") + op, op);
-  if (err == HAL_OK) *value = hardware;
-  return err;
+  hal_err_t result = record(user, std::string("get ") + op, op);
+  if (result == HAL_OK) *value = hardware;
+  return result;
 }
 
 // NOLINTBEGIN(bugprone-macro-parentheses): T names a type, which takes no parentheses

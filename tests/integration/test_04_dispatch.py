@@ -5,7 +5,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import error, request, settings_text
+from conftest import error, ready, request, settings_text
 
 
 def warning(description: str) -> bytes:
@@ -48,6 +48,8 @@ def test_request_checks(box, tavid, text, reply):
 
 def test_store_settings_writes_one_set_request_per_instance_in_table_order(box, tavid):
     daemon = tavid(box)
+    # The outputs announce the inputs' services once the first poll pass has run.
+    ready(box, daemon)
     assert request(daemon.port, b'{"action":"execute","object":"store_settings","args":{}}') == b"{}"
     text = Path(box.path("/data/settings.conf")).read_bytes()
     assert text.endswith(b"\n\r")

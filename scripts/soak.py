@@ -5,7 +5,9 @@ A bounded run of mixed requests: gets of every object and instance, sets of vali
 values, arrayedArgs, whole-object sets, stores and restores, the interface configuration,
 executes of the output mode (the current one, refused ones and, with --mode all, real changes
 that restart the daemon through the init script stand-in) and, in the IP modes, streaming
-restarts (a new destination or a service switched off and on restarts the streaming child).
+restarts (a new destination or a service switched off and on restarts the streaming child);
+and once in every daemon's time after warm-up, the clients that the daemon's bounds on a
+request are for (abusive_clients).
 
 Every daemon process is an epoch: it is started (or restarted by a mode change), warmed up with
 whole cycles of the request mix for a fifth of its time (at least one cycle), left to settle
@@ -113,6 +115,9 @@ SETTLE_TIMEOUT = 20.0
 RESTART_TIMEOUT = 30.0
 REPORTED_FAILURES = 20
 SAMPLES_KEPT = 60
+# The longest request the daemon reads, and a stream well past it.
+REQUEST_LIMIT = 1 << 20
+ABUSIVE_STREAM = 4 << 20
 # The live heap at a quiet point: the least of this many readings (a poll pass may hold a buffer).
 HEAP_READINGS = 3
 PROBE_SOURCE = REPO / "scripts" / "soak_heap.c"
@@ -870,6 +875,31 @@ class Epoch:
         return (self.end["heap"] - self.warmup["heap"]) / self.measured_requests()
 
 
+def abusive_clients(port: int, epoch: Epoch):
+    """The clients that the daemon's bounds on a request are for: one that keeps sending past
+    5 s and one that streams past 1 MiB, both dropped unanswered, one of exactly 1 MiB, answered,
+    and one that closes its socket after its request, after which the next client is answered.
+    A trickling client that the machine held off the processor for longer than the daemon's
+    50 ms of silence was rightly answered: it is not judged. Each takes a few MiB or 5 s of the
+    daemon, so they come once an epoch, in its first cycle after warm-up: the measurements at
+    its end then show whatever they left behind."""
+    def judge(label: str, reply: bytes, expect: bytes, judged: bool = True):
+        epoch.requests += 1
+        epoch.by_kind["abusive"] = epoch.by_kind.get("abusive", 0) + 1
+        if judged and reply != expect:
+            epoch.fail(f"{label}: answered {reply[:300]!r}, expected {expect[:300]!r}")
+
+    device = request_text("get", "device", {"device_id": "0"})
+    trickler = conftest.Trickler(port, device[:-1]).finish()
+    judge("trickling client", trickler.reply if trickler.cut_off else b"(not cut off)", b"", trickler.steady)
+    judge("endless stream", conftest.request_stream(port, ABUSIVE_STREAM)[1], b"")
+    judge("1 MiB request", conftest.request(port, conftest.padded_request(REQUEST_LIMIT)),
+          error("JSON command requires valid arguments (JSON object)"))
+    conftest.send_and_close(port, device)
+    judge("get after a closing client", conftest.request(port, device),
+          json.dumps({"result": {"output_mode": epoch.mode, "device_id": "0"}}, separators=(",", ":")).encode())
+
+
 class Runner:
     def __init__(self, box: tavisim.Box, port: int, netsettings: bool, heap: HeapProbe | None):
         self.box = box
@@ -895,13 +925,16 @@ class Runner:
         elif first is not None and reply != first:
             epoch.fail(f"{step.label}: answered {reply[:300]!r}, the first cycle {first[:300]!r}")
 
-    def run_cycle(self, epoch: Epoch, steps: list, first: dict):
-        """One whole cycle. The replies of the epoch's first cycle are kept in `first` by step,
-        and the later cycles' compared with them."""
+    def run_cycle(self, epoch: Epoch, steps: list, first: dict, abusive: bool = False):
+        """One whole cycle, with the abusive clients at its end if asked. The replies of the
+        epoch's first cycle are kept in `first` by step, and the later cycles' compared with
+        them."""
         for index, step in enumerate(steps):
             reply = self.send(epoch, step)
             self.check(epoch, step, reply, first.get(index))
             first.setdefault(index, reply)
+        if abusive:
+            abusive_clients(self.port, epoch)
         epoch.cycles += 1
         forget_simulator_logs(self.box)
 
@@ -947,7 +980,7 @@ class Runner:
         while (time.monotonic() + cycle_time < deadline and epoch.requests + len(steps) <= budget
                and not daemon.ended()):
             began = time.monotonic()
-            self.run_cycle(epoch, steps, first)
+            self.run_cycle(epoch, steps, first, abusive=not epoch.by_kind.get("abusive"))
             cycle_time = time.monotonic() - began
             self.sample(epoch, daemon)
 

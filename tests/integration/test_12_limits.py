@@ -134,7 +134,7 @@ def own_allocator(pid: int) -> bool:
 def test_the_memory_of_large_requests_is_given_back(make_box, tavid):
     box, daemon = start_ready(make_box, tavid, "rf", at_rest=True)
     since = len(daemon.stderr())
-    pid = daemon.process.pid
+    pid = daemon.pid
     if not own_allocator(pid):
         pytest.skip("the resident memory is measured on a native daemon with glibc's allocator only")
     for _ in range(3):

@@ -6,8 +6,8 @@ values, arrayedArgs, whole-object sets, stores and restores, the interface confi
 executes of the output mode (the current one, refused ones and, with --mode all, real changes
 that restart the daemon through the init script stand-in) and, in the IP modes, streaming
 restarts (a new destination or a service switched off and on restarts the streaming child);
-and once in every daemon's time after warm-up, the clients that the daemon's bounds on a
-request are for (abusive_clients).
+and once in every daemon's time, right after warm-up, the clients that the daemon's bounds on
+a request are for (abusive_clients; their 5 s or so come on top of the run's time).
 
 Every daemon process is an epoch: it is started (or restarted by a mode change), warmed up with
 whole cycles of the request mix for a fifth of its time (at least one cycle), left to settle
@@ -858,6 +858,7 @@ class Epoch:
     # After every cycle past warm-up: [requests since warm-up, VmRSS KiB, live heap bytes]
     samples: list = field(default_factory=list)
     failures: list = field(default_factory=list)
+    abusive_s: float = 0.0  # how long the abusive clients held the daemon, added to the epoch's
     duration_s: float = 0.0
 
     def fail(self, what: str):
@@ -880,9 +881,12 @@ def abusive_clients(port: int, epoch: Epoch):
     5 s and one that streams past 1 MiB, both dropped unanswered, one of exactly 1 MiB, answered,
     and one that closes its socket after its request, after which the next client is answered.
     A trickling client that the machine held off the processor for longer than the daemon's
-    50 ms of silence was rightly answered: it is not judged. Each takes a few MiB or 5 s of the
-    daemon, so they come once an epoch, in its first cycle after warm-up: the measurements at
-    its end then show whatever they left behind."""
+    50 ms of silence was rightly answered: it is not judged. Together they hold the daemon for
+    about 5 s, so they come once an epoch, right after warm-up (the measurements at its end then
+    show whatever they left behind), and their time is added to the epoch's, so that it still
+    makes as many requests of the mix."""
+    began = time.monotonic()
+
     def judge(label: str, reply: bytes, expect: bytes, judged: bool = True):
         epoch.requests += 1
         epoch.by_kind["abusive"] = epoch.by_kind.get("abusive", 0) + 1
@@ -898,6 +902,7 @@ def abusive_clients(port: int, epoch: Epoch):
     conftest.send_and_close(port, device)
     judge("get after a closing client", conftest.request(port, device),
           json.dumps({"result": {"output_mode": epoch.mode, "device_id": "0"}}, separators=(",", ":")).encode())
+    epoch.abusive_s = time.monotonic() - began
 
 
 class Runner:
@@ -925,16 +930,13 @@ class Runner:
         elif first is not None and reply != first:
             epoch.fail(f"{step.label}: answered {reply[:300]!r}, the first cycle {first[:300]!r}")
 
-    def run_cycle(self, epoch: Epoch, steps: list, first: dict, abusive: bool = False):
-        """One whole cycle, with the abusive clients at its end if asked. The replies of the
-        epoch's first cycle are kept in `first` by step, and the later cycles' compared with
-        them."""
+    def run_cycle(self, epoch: Epoch, steps: list, first: dict):
+        """One whole cycle. The replies of the epoch's first cycle are kept in `first` by step,
+        and the later cycles' compared with them."""
         for index, step in enumerate(steps):
             reply = self.send(epoch, step)
             self.check(epoch, step, reply, first.get(index))
             first.setdefault(index, reply)
-        if abusive:
-            abusive_clients(self.port, epoch)
         epoch.cycles += 1
         forget_simulator_logs(self.box)
 
@@ -975,12 +977,14 @@ class Runner:
 
     def loop(self, epoch: Epoch, daemon: Instance, steps: list, first: dict, budget: int,
              deadline: float):
-        """Whole cycles while another one fits before the deadline and within the budget."""
+        """The abusive clients, then whole cycles while another one fits before the deadline (put
+        off by the abusive clients' time) and within the budget."""
+        abusive_clients(self.port, epoch)
         cycle_time = 0.0
-        while (time.monotonic() + cycle_time < deadline and epoch.requests + len(steps) <= budget
+        while (time.monotonic() + cycle_time < deadline + epoch.abusive_s and epoch.requests + len(steps) <= budget
                and not daemon.ended()):
             began = time.monotonic()
-            self.run_cycle(epoch, steps, first, abusive=not epoch.by_kind.get("abusive"))
+            self.run_cycle(epoch, steps, first)
             cycle_time = time.monotonic() - began
             self.sample(epoch, daemon)
 
@@ -1135,7 +1139,8 @@ class Soak:
             epoch = Epoch(mode, self.daemon.pid)
             self.epochs.append(epoch)
             wait_ready(self.box, self.daemon, self.port, mode)
-            deadline = self.started + seconds * (number + 1) / len(self.modes)
+            deadline = (self.started + seconds * (number + 1) / len(self.modes)
+                        + sum(done.abusive_s for done in self.epochs))
             print(f"soak: epoch {number} ({mode}, PID {self.daemon.pid}) until "
                   f"{deadline - self.started:.0f} s", flush=True)
             self.runner.run_epoch(epoch, self.daemon, deadline)

@@ -5,7 +5,9 @@ A bounded run of mixed requests: gets of every object and instance, sets of vali
 values, arrayedArgs, whole-object sets, stores and restores, the interface configuration,
 executes of the output mode (the current one, refused ones and, with --mode all, real changes
 that restart the daemon through the init script stand-in) and, in the IP modes, streaming
-restarts (a new destination or a service switched off and on restarts the streaming child).
+restarts (a new destination or a service switched off and on restarts the streaming child);
+and once in every daemon's time, right after warm-up, the clients that the daemon's bounds on
+a request are for (abusive_clients; their 5 s or so come on top of the run's time).
 
 Every daemon process is an epoch: it is started (or restarted by a mode change), warmed up with
 whole cycles of the request mix for a fifth of its time (at least one cycle), left to settle
@@ -113,6 +115,9 @@ SETTLE_TIMEOUT = 20.0
 RESTART_TIMEOUT = 30.0
 REPORTED_FAILURES = 20
 SAMPLES_KEPT = 60
+# The longest request the daemon reads, and a stream well past it.
+REQUEST_LIMIT = 1 << 20
+ABUSIVE_STREAM = 4 << 20
 # The live heap at a quiet point: the least of this many readings (a poll pass may hold a buffer).
 HEAP_READINGS = 3
 PROBE_SOURCE = REPO / "scripts" / "soak_heap.c"
@@ -853,6 +858,7 @@ class Epoch:
     # After every cycle past warm-up: [requests since warm-up, VmRSS KiB, live heap bytes]
     samples: list = field(default_factory=list)
     failures: list = field(default_factory=list)
+    abusive_s: float = 0.0  # how long the abusive clients held the daemon, added to the epoch's
     duration_s: float = 0.0
 
     def fail(self, what: str):
@@ -868,6 +874,35 @@ class Epoch:
         if "heap" not in self.end or not self.measured_requests():
             return None
         return (self.end["heap"] - self.warmup["heap"]) / self.measured_requests()
+
+
+def abusive_clients(port: int, epoch: Epoch):
+    """The clients that the daemon's bounds on a request are for: one that keeps sending past
+    5 s and one that streams past 1 MiB, both dropped unanswered, one of exactly 1 MiB, answered,
+    and one that closes its socket after its request, after which the next client is answered.
+    A trickling client that the machine held off the processor for longer than the daemon's
+    50 ms of silence was rightly answered: it is not judged. Together they hold the daemon for
+    about 5 s, so they come once an epoch, right after warm-up (the measurements at its end then
+    show whatever they left behind), and their time is added to the epoch's, so that it still
+    makes as many requests of the mix."""
+    began = time.monotonic()
+
+    def judge(label: str, reply: bytes, expect: bytes, judged: bool = True):
+        epoch.requests += 1
+        epoch.by_kind["abusive"] = epoch.by_kind.get("abusive", 0) + 1
+        if judged and reply != expect:
+            epoch.fail(f"{label}: answered {reply[:300]!r}, expected {expect[:300]!r}")
+
+    device = request_text("get", "device", {"device_id": "0"})
+    trickler = conftest.Trickler(port, device[:-1]).finish()
+    judge("trickling client", trickler.reply if trickler.cut_off else b"(not cut off)", b"", trickler.steady)
+    judge("endless stream", conftest.request_stream(port, ABUSIVE_STREAM)[1], b"")
+    judge("1 MiB request", conftest.request(port, conftest.padded_request(REQUEST_LIMIT)),
+          error("JSON command requires valid arguments (JSON object)"))
+    conftest.send_and_close(port, device)
+    judge("get after a closing client", conftest.request(port, device),
+          json.dumps({"result": {"output_mode": epoch.mode, "device_id": "0"}}, separators=(",", ":")).encode())
+    epoch.abusive_s = time.monotonic() - began
 
 
 class Runner:
@@ -942,9 +977,11 @@ class Runner:
 
     def loop(self, epoch: Epoch, daemon: Instance, steps: list, first: dict, budget: int,
              deadline: float):
-        """Whole cycles while another one fits before the deadline and within the budget."""
+        """The abusive clients, then whole cycles while another one fits before the deadline (put
+        off by the abusive clients' time) and within the budget."""
+        abusive_clients(self.port, epoch)
         cycle_time = 0.0
-        while (time.monotonic() + cycle_time < deadline and epoch.requests + len(steps) <= budget
+        while (time.monotonic() + cycle_time < deadline + epoch.abusive_s and epoch.requests + len(steps) <= budget
                and not daemon.ended()):
             began = time.monotonic()
             self.run_cycle(epoch, steps, first)
@@ -1102,7 +1139,8 @@ class Soak:
             epoch = Epoch(mode, self.daemon.pid)
             self.epochs.append(epoch)
             wait_ready(self.box, self.daemon, self.port, mode)
-            deadline = self.started + seconds * (number + 1) / len(self.modes)
+            deadline = (self.started + seconds * (number + 1) / len(self.modes)
+                        + sum(done.abusive_s for done in self.epochs))
             print(f"soak: epoch {number} ({mode}, PID {self.daemon.pid}) until "
                   f"{deadline - self.started:.0f} s", flush=True)
             self.runner.run_epoch(epoch, self.daemon, deadline)

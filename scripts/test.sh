@@ -4,7 +4,8 @@
 #  - the host build under AddressSanitizer and UndefinedBehaviorSanitizer: the unit tests and the
 #    integration tests against the box simulator;
 #  - the host build without sanitizers under valgrind: the unit tests and the integration tests of
-#    every object, mode and fault, each daemon under memcheck;
+#    every object, mode and fault, each daemon under memcheck; and that build's daemon run
+#    natively for the memory that the command channel's bounds give back;
 #  - the 32-bit ARM build with a box root under qemu-arm: every unit test and the integration suite;
 #  - the board's own build (the box's paths) and the checks of the binary that ships.
 # Installs the Debian packages it needs when any is missing. Arguments go to the pipeline

@@ -1,6 +1,7 @@
 #include "cmd.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -9,6 +10,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "cmd_json.h"
@@ -19,6 +21,23 @@ namespace {
 
 /* A client that never reads its reply must not hold the daemon for ever. */
 constexpr time_t CMD_TCP_SEND_TIMEOUT_S = 5;
+
+/* The buffer of the largest request allowed: its text, one more read and the NUL. */
+constexpr size_t CMD_TCP_REQUEST_MAX_SIZE = CMD_TCP_REQUEST_MAX_LEN + CMD_TCP_CHUNK_SIZE + 1;
+
+/* glibc's default mmap and trim threshold: a request buffer above it leaves memory that glibc
+ * would keep once the request is over. */
+constexpr size_t CMD_TCP_TRIM_SIZE = size_t{128} * 1024;
+
+/* The request as it is read: the text, its length and the buffer's capacity. */
+struct cmd_request_t {
+  text_ptr text;
+  size_t len;
+  size_t size;
+};
+
+/* How the reading of a request ended. */
+enum cmd_read_t { CMD_READ_WHOLE, CMD_READ_DROPPED, CMD_READ_NO_BUFFER };
 
 constexpr const char* cmd_err_texts[] = {
     "Command ok",
@@ -46,36 +65,73 @@ cmd_err_t cmd_begin(cmd_t* cmd, const char* func) {
   return CMD_OK;
 }
 
+long cmd_us_between(const struct timespec* from, const struct timespec* to) {
+  return (to->tv_sec - from->tv_sec) * 1000000L + (to->tv_nsec - from->tv_nsec) / 1000L;
+}
+
 long cmd_elapsed_us(const struct timespec* since) {
   struct timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
-  return (now.tv_sec - since->tv_sec) * 1000000L + (now.tv_nsec - since->tv_nsec) / 1000L;
+  return cmd_us_between(since, &now);
+}
+
+/* Room for the next read and the text's terminating NUL. The capacity doubles, up to what the
+ * largest request allowed needs, so that a large request costs a few copies instead of one per
+ * read; the reads themselves stay CMD_TCP_CHUNK_SIZE bytes. */
+bool cmd_request_make_room(cmd_request_t* req) {
+  size_t needed = req->len + CMD_TCP_CHUNK_SIZE + 1;
+  if (needed <= req->size) return true;
+  size_t size = std::min(std::max(2 * req->size, needed), CMD_TCP_REQUEST_MAX_SIZE);
+  char* grown = static_cast<char*>(realloc(req->text.get(), size));
+  if (grown == NULL) return false;
+  (void)req->text.release(); /* realloc has taken the old block over */
+  req->text.reset(grown);
+  req->size = size;
+  return true;
+}
+
+/* A request past a bound is dropped: the one warning names the bound. */
+bool cmd_request_over_bound(cmd_t* cmd, size_t len, long arriving_us) {
+  if (len > CMD_TCP_REQUEST_MAX_LEN) {
+    DBG_WRN_AT("cmd_poll", "%s - Request larger than %d bytes, dropped", cmd->name, CMD_TCP_REQUEST_MAX_LEN);
+    cmd_set_err(cmd, CMD_BUF_ERR);
+    return true;
+  }
+  if (arriving_us > CMD_TCP_REQUEST_TIME_S * 1000000L) {
+    DBG_WRN_AT("cmd_poll", "%s - Request still arriving after %d s, dropped", cmd->name,
+               CMD_TCP_REQUEST_TIME_S);
+    cmd_set_err(cmd, CMD_IF_ERR);
+    return true;
+  }
+  return false;
 }
 
 /* Reads until a read fails, normally at the receive time-out after the client's last byte.
  * A zero-length read (the client closed its sending side) does not end the request by itself:
- * it counts as silence, so the request ends when the time-out would have ended it. */
-cmd_err_t cmd_read_request(cmd_t* cmd, int client, text_ptr* buf, size_t* len) {
-  struct timespec last_data;
-  clock_gettime(CLOCK_MONOTONIC, &last_data);
+ * it counts as silence, so the request ends when the time-out would have ended it. A request
+ * still arriving CMD_TCP_REQUEST_TIME_S after the connection was accepted, or longer than
+ * CMD_TCP_REQUEST_MAX_LEN, is not read further. */
+cmd_read_t cmd_read_request(cmd_t* cmd, int client, cmd_request_t* req) {
+  struct timespec accepted;
+  clock_gettime(CLOCK_MONOTONIC, &accepted);
+  struct timespec last_data = accepted;
   for (;;) {
-    ssize_t n = recv(client, buf->get() + *len, CMD_TCP_CHUNK_SIZE, 0);
-    if (n < 0) return CMD_OK;
+    ssize_t n = recv(client, req->text.get() + req->len, CMD_TCP_CHUNK_SIZE, 0);
+    if (n < 0) return CMD_READ_WHOLE;
     if (n == 0) {
       long remaining = CMD_TCP_TIMEOUT_US - cmd_elapsed_us(&last_data);
-      if (remaining <= 0) return CMD_OK;
+      if (remaining <= 0) return CMD_READ_WHOLE;
       usleep(static_cast<useconds_t>(remaining));
       continue;
     }
-    *len += static_cast<size_t>(n);
+    req->len += static_cast<size_t>(n);
     clock_gettime(CLOCK_MONOTONIC, &last_data);
-    char* grown = static_cast<char*>(realloc(buf->get(), *len + CMD_TCP_CHUNK_SIZE + 1));
-    if (grown == NULL) {
+    if (cmd_request_over_bound(cmd, req->len, cmd_us_between(&accepted, &last_data))) return CMD_READ_DROPPED;
+    if (!cmd_request_make_room(req)) {
       DBG_WRN_AT("cmd_poll", "%s - Could not (re)allocate command buffer", cmd->name);
-      return CMD_BUF_ERR;
+      cmd_set_err(cmd, CMD_BUF_ERR);
+      return CMD_READ_NO_BUFFER;
     }
-    (void)buf->release(); /* realloc has taken the old block over */
-    buf->reset(grown);
   }
 }
 
@@ -91,9 +147,17 @@ void cmd_send_reply(cmd_t* cmd, int client, const char* reply) {
   }
 }
 
+void cmd_close_client(cmd_t* cmd, int client) {
+  if (inet_close_socket(client) < 0) {
+    DBG_WRN_AT("cmd_poll", "%s - Could not close command", cmd->name);
+    cmd_set_err(cmd, CMD_IF_ERR);
+  }
+}
+
 /* Serves one accepted client. The early exits before the reply leave the client socket open,
- * as the daemon always has. */
-cmd_err_t cmd_serve_client(cmd_t* cmd, int client) {
+ * as the daemon always has; a dropped request has its connection closed unanswered, so that the
+ * client learns of it at once. */
+cmd_err_t cmd_serve_client(cmd_t* cmd, int client, cmd_request_t* req) {
   struct timeval rcv_timeout = {CMD_TCP_TIMEOUT_S, CMD_TCP_TIMEOUT_US};
   struct timeval snd_timeout = {CMD_TCP_SEND_TIMEOUT_S, 0};
   if (setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &rcv_timeout, sizeof(rcv_timeout)) < 0 ||
@@ -101,29 +165,42 @@ cmd_err_t cmd_serve_client(cmd_t* cmd, int client) {
     DBG_WRN_AT("cmd_poll", "%s - Could not set command timeout", cmd->name);
     return cmd_set_err(cmd, CMD_IF_ERR);
   }
-  text_ptr buf(static_cast<char*>(malloc(CMD_TCP_CHUNK_SIZE + 1)));
-  if (!buf) {
+  req->text.reset(static_cast<char*>(malloc(CMD_TCP_CHUNK_SIZE + 1)));
+  if (!req->text) {
     DBG_WRN_AT("cmd_poll", "%s - Could not allocate command buffer", cmd->name);
     return cmd_set_err(cmd, CMD_BUF_ERR);
   }
-  size_t len = 0;
-  if (cmd_read_request(cmd, client, &buf, &len) != CMD_OK) return cmd_set_err(cmd, CMD_BUF_ERR);
-  buf.get()[len] = '\0';
+  req->size = CMD_TCP_CHUNK_SIZE + 1;
+  switch (cmd_read_request(cmd, client, req)) {
+    case CMD_READ_NO_BUFFER:
+      return cmd->err;
+    case CMD_READ_DROPPED:
+      cmd_close_client(cmd, client);
+      return cmd->err;
+    case CMD_READ_WHOLE:
+      break;
+  }
+  req->text.get()[req->len] = '\0';
   if (cmd->frmt != CMD_FRMT_JSON) {
     DBG_WRN_AT("cmd_poll", "%s - Unknown command format", cmd->name);
     return cmd_set_err(cmd, CMD_FRMT_UNKNOWN);
   }
-  text_ptr reply(cmd_json_handler(buf.get()));
+  text_ptr reply(cmd_json_handler(req->text.get()));
   if (!reply) {
     DBG_WRN_AT("cmd_poll", "%s - No response from JSON command handler", cmd->name);
   } else {
     cmd_send_reply(cmd, client, reply.get());
   }
-  if (inet_close_socket(client) < 0) {
-    DBG_WRN_AT("cmd_poll", "%s - Could not close command", cmd->name);
-    cmd_set_err(cmd, CMD_IF_ERR);
-  }
+  cmd_close_client(cmd, client);
   return cmd->err;
+}
+
+/* Frees the request. glibc keeps the pages of a large one (and of what its handling allocated)
+ * in the process, where a few such requests would leave a small board short of memory: they are
+ * handed back to the system. Smaller requests reuse the heap as it is. */
+void cmd_release_request(cmd_request_t* req) {
+  req->text.reset();
+  if (req->size > CMD_TCP_TRIM_SIZE) (void)malloc_trim(0); /* the result only says whether any was */
 }
 }  // namespace
 
@@ -157,7 +234,10 @@ cmd_err_t cmd_poll(cmd_t* cmd, int timeout_ms) {
     DBG_WRN("%s - Could not accept command", cmd->name);
     return cmd_set_err(cmd, CMD_IF_ERR);
   }
-  return cmd_serve_client(cmd, client);
+  cmd_request_t req = {text_ptr(), 0, 0};
+  cmd_err_t err_served = cmd_serve_client(cmd, client, &req);
+  cmd_release_request(&req);
+  return err_served;
 }
 
 cmd_err_t cmd_close(cmd_t* cmd) {

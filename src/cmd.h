@@ -8,6 +8,11 @@
 #define CMD_TCP_TIMEOUT_S 0
 #define CMD_TCP_TIMEOUT_US 50000
 #define CMD_STRERROR_LEN 256
+/* Bounds on one request, so that no client can hold the single-threaded box or its memory: the
+ * longest the main loop may already block (the interface-configuration exchange), and far above
+ * the largest request a box can use (every object in one "arrayedArgs" set). */
+#define CMD_TCP_REQUEST_TIME_S 5
+#define CMD_TCP_REQUEST_MAX_LEN 1048576
 
 typedef enum cmd_frmt_t : int { CMD_FRMT_JSON = 0 } cmd_frmt_t;
 typedef enum cmd_if_t : int { CMD_IF_TCP = 0 } cmd_if_t;

@@ -482,6 +482,94 @@ def send_and_close(port: int, data: bytes):
 
 
 # ---------------------------------------------------------------------------------------------
+# Clients that would hold the command channel
+
+
+# One space every 10 ms from each of a few processes: far inside the 50 ms of silence that end
+# a request, even when one of them is held off a loaded machine's processor for a while.
+TRICKLE_INTERVAL = 0.01
+TRICKLE_SENDERS = 3
+# A pause of all of them together this long may have ended the request by silence.
+TRICKLE_STALL = 0.045
+# A sender: says it is ready, and once told to go (a line on its standard input) sends a space
+# on the socket it inherited every interval until a send fails (exit status 3) or its time is
+# up, writing the monotonic time of every send, the failed one included.
+_TRICKLE_SENDER = """
+import socket, sys, time
+sock = socket.socket(fileno=int(sys.argv[1]))
+print("ready", flush=True)
+sys.stdin.readline()
+until = time.monotonic() + float(sys.argv[2])
+while time.monotonic() < until:
+    try:
+        sock.send(b" ")
+    except OSError:
+        print(time.monotonic())
+        sys.exit(3)
+    print(time.monotonic(), flush=True)
+    time.sleep(float(sys.argv[3]))
+"""
+
+
+class Trickler:
+    """A client that sends `first`, then spaces from TRICKLE_SENDERS processes until the daemon
+    closes the connection or `seconds` have passed. finish() waits for them and reads the reply;
+    then cut_off tells whether the daemon ended the sending, ended is the monotonic time of the
+    last send, and steady whether the request never went TRICKLE_STALL without a byte."""
+
+    def __init__(self, port: int, first: bytes, seconds: float = 15.0):
+        self.sock = socket.socket()
+        fd = self.sock.fileno()
+        self.senders = [subprocess.Popen([sys.executable, "-c", _TRICKLE_SENDER, str(fd), str(seconds),
+                                          str(TRICKLE_INTERVAL)], pass_fds=[fd], stdin=subprocess.PIPE,
+                                         stdout=subprocess.PIPE) for _ in range(TRICKLE_SENDERS)]
+        for sender in self.senders:
+            if sender.stdout.readline() != b"ready\n":
+                raise OSError("a trickling sender did not start")
+        self.sock.settimeout(REPLY_WAIT)
+        self.sock.connect(("127.0.0.1", port))
+        self.connected = time.monotonic()
+        self.sock.sendall(first)
+        for sender in self.senders:
+            sender.stdin.write(b"go\n")
+            sender.stdin.flush()
+        self.cut_off, self.ended, self.steady, self.reply = False, None, None, None
+
+    def finish(self):
+        times = [self.connected]
+        for sender in self.senders:
+            times += map(float, sender.communicate(timeout=REPLY_WAIT + 60)[0].split())
+            self.cut_off |= sender.returncode == 3
+        times.sort()
+        self.ended = times[-1]
+        self.steady = max(later - earlier for earlier, later in zip(times, times[1:])) < TRICKLE_STALL
+        self.reply = _read_until_closed(self.sock, REPLY_WAIT, reset_ends=True)
+        self.sock.close()
+        return self
+
+
+def request_stream(port: int, size: int) -> tuple:
+    """Sends `size` bytes without a pause: (the bytes sent before the daemon closed the
+    connection, what it answered)."""
+    chunk = b"y" * 65536
+    sent = 0
+    with _connect(port, REPLY_WAIT) as sock:
+        try:
+            while sent < size:
+                sent += sock.send(chunk[:size - sent])
+        except OSError:
+            pass
+        return sent, _read_until_closed(sock, REPLY_WAIT, reset_ends=True)
+
+
+def padded_request(size: int) -> bytes:
+    """A "get" of the device without arguments, exactly `size` bytes long (padded inside a
+    string): the daemon refuses it for its missing arguments once it has read it whole."""
+    head, tail = b'{"action":"get","object":"device","pad":"', b'"}'
+    return head + b"x" * (size - len(head) - len(tail)) + tail
+
+
+# ---------------------------------------------------------------------------------------------
 # Fixtures
 
 

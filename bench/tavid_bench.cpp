@@ -21,7 +21,10 @@
  *                         serialising the reply, with the handler's own flags
  *   store                 one store of the settings file ("bytes": the file's size afterwards),
  *                         then its Jansson floor, store.floor: serialising the records it wrote
- *   sync                  sync() alone, the part of a store that flushes the file systems
+ *   replace               the part of a store that puts the file on the disk alone: the settings
+ *                         file's bytes written to the temporary file, then cmd_store_replace (the
+ *                         file flushed to the disk, renamed over the settings file, the directory
+ *                         synced)
  * -n repeats each measurement (for wall-clock figures).
  *
  * idle_loop is the main loop with nothing behind it: the command channel polled on PORT, then the
@@ -136,11 +139,6 @@ void bench_poll(const std::string&, int repeat) {
       "poll", repeat, [] { hal_poll(); }, nullptr);
 }
 
-void bench_sync(const std::string&, int repeat) {
-  bench_run(
-      "sync", repeat, [] { sync(); }, nullptr);
-}
-
 /* The request as the channel hands it over: a writable, terminated copy per run. */
 std::string bench_handle(const std::string& text) {
   std::string request(text);
@@ -199,6 +197,33 @@ std::vector<json_ptr> bench_settings_records() {
   return records;
 }
 
+/* The settings file's bytes, as the last store wrote them. */
+std::string bench_settings_text() {
+  char path[BOXROOT_PATH_LEN];
+  file_ptr file(fopen(boxroot_path(path, sizeof(path), TAVID_CMD_SETTINGS_FILE), "r"));
+  if (!file) bench_die("no settings file");
+  std::string text;
+  char buf[4096];
+  for (size_t n; (n = fread(buf, 1, sizeof(buf), file.get())) > 0;) text.append(buf, n);
+  return text;
+}
+
+void bench_replace(const std::string&, int repeat) {
+  const std::string text = bench_settings_text();
+  char tmp_path[BOXROOT_PATH_LEN];
+  boxroot_path(tmp_path, sizeof(tmp_path), TAVID_CMD_SETTINGS_TMP_FILE);
+  bench_run(
+      "replace", repeat,
+      [&text, &tmp_path] {
+        FILE* tmp = fopen(tmp_path, "we");
+        if (tmp == NULL) bench_die("could not open the temporary settings file");
+        const bool written = fwrite(text.data(), 1, text.size(), tmp) == text.size();
+        if (cmd_store_replace(tmp, written ? CMD_JSON_OK : CMD_JSON_FILE_ERR) != CMD_JSON_OK)
+          bench_die("the replace failed");
+      },
+      [] { return json_pack("{s:I}", "bytes", static_cast<json_int_t>(bench_settings_bytes())); });
+}
+
 void bench_store(const std::string&, int repeat) {
   bench_run(
       "store", repeat,
@@ -233,8 +258,8 @@ struct bench_op_t {
 };
 
 constexpr bench_op_t bench_ops[] = {
-    {"poll", bench_poll}, {"request", bench_request},     {"store", bench_store},
-    {"sync", bench_sync}, {"idle_loop", bench_idle_loop},
+    {"poll", bench_poll},       {"request", bench_request},     {"store", bench_store},
+    {"replace", bench_replace}, {"idle_loop", bench_idle_loop},
 };
 
 void bench_op(const std::string& op, int repeat) {

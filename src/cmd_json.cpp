@@ -1,6 +1,7 @@
 #include "cmd_json.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -456,6 +457,34 @@ cmd_json_err_t cmd_store_records(FILE* file) {
   return CMD_JSON_OK;
 }
 
+/* The records reach the disk before the file takes the settings file's name. A full disk may show
+ * only here, when the buffered records are written out. */
+bool cmd_store_flush(FILE* tmp) {
+  const bool flushed = fflush(tmp) == 0 && ferror(tmp) == 0 && fsync(fileno(tmp)) == 0;
+  return fclose(tmp) == 0 && flushed;
+}
+
+/* The rename replaces the settings file in one step, so that a reader (the restore at the next
+ * start) finds the old file or the new one, whole; the directory is then synced so that the new
+ * name survives a power cut. The directory is opened first: a settings file that cannot be
+ * replaced fails the store before anything changed. */
+cmd_json_err_t cmd_store_rename(const char* tmp_path) {
+  char path[BOXROOT_PATH_LEN];
+  char dir_path[BOXROOT_PATH_LEN];
+  const int dir = open(boxroot_path(dir_path, sizeof(dir_path), TAVID_CMD_SETTINGS_DIR),
+                       O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dir < 0 || rename(tmp_path, cmd_settings_path(path, sizeof(path))) != 0) {
+    if (dir >= 0) (void)close(dir);
+    (void)remove(tmp_path);
+    DBG_WRN_AT("cmd_store_settings", "Could not open settings file for storing...");
+    return CMD_JSON_FILE_ERR;
+  }
+  /* The new file is in place; a directory that does not sync leaves it unconfirmed on the disk. */
+  const bool synced = fsync(dir) == 0;
+  (void)close(dir);
+  return synced ? CMD_JSON_OK : CMD_JSON_FILE_ERR;
+}
+
 /* Replays one record; anything but "{}" is reported and the restore goes on. */
 cmd_json_err_t cmd_restore_record(json_t* record) {
   text_ptr request(cmd_json_dump(record));
@@ -471,21 +500,24 @@ cmd_json_err_t cmd_restore_record(json_t* record) {
 }  // namespace
 
 cmd_json_err_t cmd_store_settings(hal_object_t*, json_t*) {
-  char path[BOXROOT_PATH_LEN];
-  cmd_settings_path(path, sizeof(path));
+  char tmp_path[BOXROOT_PATH_LEN];
+  boxroot_path(tmp_path, sizeof(tmp_path), TAVID_CMD_SETTINGS_TMP_FILE);
   DBG_MSG("Storing settings... (%s)", TAVID_CMD_SETTINGS_FILE);
-  FILE* file = fopen(path, "w");
-  if (file == NULL) {
+  /* A temporary file left by a power cut is simply truncated here; a restore never reads it. */
+  FILE* tmp = fopen(tmp_path, "we");
+  if (tmp == NULL) {
     DBG_WRN("Could not open settings file for storing...");
     return CMD_JSON_FILE_ERR;
   }
-  cmd_json_err_t err = cmd_store_records(file);
-  /* A full disk shows only when the buffered records are written out. */
-  if (ferror(file)) err = CMD_JSON_FILE_ERR;
-  if (fclose(file) != 0 && err == CMD_JSON_OK) err = CMD_JSON_FILE_ERR;
-  /* A failed store leaves no settings file at all, never a partial one. */
-  if (err != CMD_JSON_OK) (void)remove(path);
-  sync();
+  return cmd_store_replace(tmp, cmd_store_records(tmp));
+}
+
+cmd_json_err_t cmd_store_replace(FILE* tmp, cmd_json_err_t err) {
+  char tmp_path[BOXROOT_PATH_LEN];
+  boxroot_path(tmp_path, sizeof(tmp_path), TAVID_CMD_SETTINGS_TMP_FILE);
+  if (!cmd_store_flush(tmp) && err == CMD_JSON_OK) err = CMD_JSON_FILE_ERR;
+  if (err == CMD_JSON_OK) return cmd_store_rename(tmp_path);
+  (void)remove(tmp_path);
   return err;
 }
 

@@ -35,7 +35,10 @@ typedef enum cmd_json_err_t : int {
 #define WARNING_COMMAND_UNSUCCESSFUL 1103
 
 #define CMD_JSON_OBJECT_COUNT 24
-#define TAVID_CMD_SETTINGS_FILE "/data/settings.conf"
+#define TAVID_CMD_SETTINGS_DIR "/data"
+#define TAVID_CMD_SETTINGS_FILE TAVID_CMD_SETTINGS_DIR "/settings.conf"
+/* A store writes here first; the file then replaces the settings file whole. */
+#define TAVID_CMD_SETTINGS_TMP_FILE TAVID_CMD_SETTINGS_FILE ".tmp"
 
 /* set and execute take the request's arguments; get and store hand back a new value. */
 typedef cmd_json_err_t (*cmd_json_put_t)(hal_object_t* object, json_t* j_val);
@@ -182,5 +185,11 @@ cmd_json_err_t cmd_json_get_tsout(hal_object_t* object, json_t** j_val) {
 cmd_json_err_t cmd_store_settings(hal_object_t* hal_object, json_t* j_val);
 cmd_json_err_t cmd_restore_settings(hal_object_t* hal_object, json_t* j_val);
 cmd_json_err_t cmd_reset(hal_object_t* hal_object, json_t* j_val);
+
+/* Ends a store whose records went to `tmp`, opened on the temporary settings file, and whose
+ * result so far is `err`: closes it and, when everything succeeded, puts it on the disk and in
+ * place of the settings file. A failure up to that point removes the temporary file and leaves
+ * the settings file as it was. Returns the store's result. */
+cmd_json_err_t cmd_store_replace(FILE* tmp, cmd_json_err_t err);
 
 #endif

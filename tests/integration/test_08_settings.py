@@ -6,6 +6,7 @@ import json
 import os
 import re
 import signal
+import threading
 from pathlib import Path
 
 import pytest
@@ -170,6 +171,101 @@ def test_restore_on_request_answers_ok_although_the_device_record_is_refused(mak
 
 
 # ---------------------------------------------------------------------------------------------
+# A store replaces the file whole: its records go to a temporary file beside it, which takes the
+# settings file's name once it is on the disk.
+
+GET_GOPSIZE = 0x8F  # the module command that reads an input's GOP size back
+# The records that RF output 1's TSID shows in: HDMI input 1's (its module is the output's
+# master and carries the output's identity) and the output's own.
+TSID_RECORDS = (2, 6)
+OUTPUT_RF_0 = 5
+
+
+def test_a_store_that_fails_keeps_the_previous_file(make_box, tavid):
+    """HDMI input 1's module answers an error to the read of its GOP size, which only the store
+    makes: a set of RF output 1's TSID is applied, but its store fails on input 1's record. The
+    reply is the warning 13, the settings file stays byte for byte and no temporary file is
+    left. Once the module is mended, a store writes the new TSID."""
+    box = make_box("rf")
+    factory = defaults(box, "rf")
+    box, daemon = start(make_box, tavid, "rf", settings=factory, box=box)
+    box.module(0x31).set_fault(error=(GET_GOPSIZE, 1))
+    since = len(daemon.stderr())
+    assert send(daemon, "set", "output_rf_ts", output_id="1", tsid="77") == UNSUCCESSFUL % 13
+    assert new_log_lines(daemon, since) == [
+        wrn_line("mod_tarn_get_video_gopsize", "mod_tarn_1 - Could not get video GOP size (hdmi command invalid)")]
+    assert stored(box) == factory
+    assert os.listdir(box.path("data")) == ["settings.conf"]
+    box.module(0x31).clear_faults()
+    assert request(daemon.port, STORE) == b"{}"
+    expected = factory
+    for index in TSID_RECORDS:
+        expected = changed(expected, index, '"tsid":"1"', '"tsid":"77"')
+    assert stored(box) == expected
+    assert os.listdir(box.path("data")) == ["settings.conf"]
+
+
+STORES = 5  # sets in a row, each rewriting the file while a module is slow
+SLOW_MODULE = 0x31  # HDMI input 1's: its record is the third of seven
+SLOW_MODULE_MS = 1  # each of its commands then waits one retry of the bus (10 ms)
+
+
+class SettingsReader(threading.Thread):
+    """Reads the settings file whole, again and again, until stopped. Each read is kept with
+    the phase of the sets before and after it: 2k before set k is sent, 2k + 1 while it is
+    handled."""
+
+    def __init__(self, path: str):
+        super().__init__(daemon=True)
+        self.path = path
+        self.phase = 0
+        self.stopped = threading.Event()
+        self.reads = []
+
+    def run(self):
+        while not self.stopped.is_set():
+            before = self.phase
+            with open(self.path, "rb") as settings:
+                text = settings.read()
+            self.reads.append((before, self.phase, text))
+
+
+def test_a_reader_never_sees_the_file_empty_or_cut(make_box, tavid):
+    """While sets follow one another with a module slow to answer, so that each store takes a
+    while to build its records, a reader opens and reads the settings file in a tight loop.
+    Every read is a whole file: the one before the set in progress or the one after it, never
+    an empty or a cut one."""
+    box = make_box("rf")
+    factory = defaults(box, "rf")
+    box, daemon = start(make_box, tavid, "rf", settings=factory, box=box)
+    box.module(SLOW_MODULE).set_fault(busy_ms=SLOW_MODULE_MS)
+    texts = [factory]  # texts[k]: the file before set k
+    reader = SettingsReader(box.path(SETTINGS))
+    reader.start()
+    try:
+        for k in range(STORES):
+            frequency = str(482000 + 8000 * k)
+            reader.phase = 2 * k + 1
+            reply = send(daemon, "set", "output_rf_mod", output_id="0", frequency=frequency)
+            reader.phase = 2 * k + 2
+            assert reply == b"{}"
+            texts.append(stored(box))
+            assert json.loads(records(texts[-1])[OUTPUT_RF_0])["args"]["frequency"] == frequency
+    finally:
+        reader.stopped.set()
+        reader.join()
+    # A read from phase b to phase a may find the file as it was before set b // 2 up to as it
+    # is after set (a - 1) // 2.
+    cut = [len(text) for before, after, text in reader.reads if text not in texts[before // 2:(after + 1) // 2 + 1]]
+    assert cut == [], f"{len(cut)} of {len(reader.reads)} reads were no whole file (their sizes: {cut[:20]})"
+    during = [sum(1 for before, after, _ in reader.reads if before == after == 2 * k + 1) for k in range(STORES)]
+    assert all(during), f"reads while each set was handled: {during}"
+    print(f"{len(reader.reads)} whole reads of the settings file, while each of the {STORES} sets was "
+          f"handled: {during}")
+    assert os.listdir(box.path("data")) == ["settings.conf"]
+
+
+# ---------------------------------------------------------------------------------------------
 # Bad settings files at start-up
 
 
@@ -239,6 +335,7 @@ def test_a_settings_path_that_cannot_be_read_warns_and_the_store_then_fails(make
     assert get(daemon, "input_hdmi_enc", input_id="0")["result"]["video_gopsize"] == "40"
     assert request(daemon.port, STORE) == UNSUCCESSFUL % 14
     assert os.path.isdir(box.path(SETTINGS))
+    assert os.listdir(box.path("data")) == ["settings.conf"]
 
 
 # ---------------------------------------------------------------------------------------------

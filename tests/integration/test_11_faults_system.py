@@ -233,7 +233,9 @@ def test_a_flood_of_connections(make_box, tavid):
 
 READ_ONLY_DATA = ('mount --bind "$TAVID_ROOT/data" "$TAVID_ROOT/data" '
                   '&& mount -o remount,bind,ro "$TAVID_ROOT/data" && exec "$@"')
+# The full directory starts with the settings file that the test left at the root's settings.prev.
 FULL_DATA = ('mount -t tmpfs -o size=16k tmpfs "$TAVID_ROOT/data" '
+             '&& cp "$TAVID_ROOT/settings.prev" "$TAVID_ROOT/data/settings.conf" '
              '&& { head -c 1048576 /dev/zero >"$TAVID_ROOT/data/filler" 2>/dev/null; exec "$@"; }')
 
 
@@ -276,8 +278,8 @@ def with_frequency(text: bytes, khz: int) -> bytes:
 
 def test_a_store_into_a_read_only_settings_directory(make_box, tavid, namespaces):
     """The stored settings are restored at start. A set is applied, but its store cannot open
-    the file: the reply is the warning 14 with the store's warning, and the file stays as it
-    was (only a file that the store opened is removed). A restore brings the stored value back."""
+    its temporary file: the reply is the warning 14 with the store's warning, and the settings
+    file stays byte for byte. A restore brings the stored value back."""
     box = make_box("rf")
     stored = with_frequency(Path(box.path("opt/bin/default_settings_rf.conf")).read_bytes(), STORED_FREQUENCY)
     Path(box.path("data/settings.conf")).write_bytes(stored)
@@ -291,28 +293,35 @@ def test_a_store_into_a_read_only_settings_directory(make_box, tavid, namespaces
         wrn_line("cmd_store_settings", "Could not open settings file for storing...")]
     assert rf_frequency(daemon) == str(NEW_FREQUENCY)
     assert Path(box.path("data/settings.conf")).read_bytes() == stored
+    assert os.listdir(box.path("data")) == ["settings.conf"]
     assert send(daemon, "execute", "restore_settings") == b"{}"
     assert rf_frequency(daemon) == str(STORED_FREQUENCY)
 
 
 def test_a_store_into_a_full_settings_directory(make_box, tavid, namespaces):
-    """The store opens the file but cannot write its records: the reply to the set is the
-    warning 14, with no warning line of its own, and the part of the file that was made is
-    removed. The set itself is applied. With room again, a store writes the whole file."""
+    """The stored settings are restored at start. The store opens its temporary file but cannot
+    write its records: the reply to the set is the warning 14, with no warning line of its own,
+    the temporary file is removed and the settings file stays byte for byte. The set itself is
+    applied. With room again, a store replaces the whole file."""
     box = make_box("rf")
+    stored = with_frequency(Path(box.path("opt/bin/default_settings_rf.conf")).read_bytes(), STORED_FREQUENCY)
+    Path(box.path("settings.prev")).write_bytes(stored)
     daemon = tavid(box, ["-m", "rf"], wrapper=in_namespace(FULL_DATA))
     data = Path(f"/proc/{daemon.process.pid}/root{box.root}/data")
     ready(box, daemon)
     settle(box)
-    assert os.listdir(data) == ["filler"]
+    assert rf_frequency(daemon) == str(STORED_FREQUENCY)
+    assert sorted(os.listdir(data)) == ["filler", "settings.conf"]
     since = len(daemon.stderr())
     assert send(daemon, "set", "output_rf_mod", output_id="0", frequency=str(NEW_FREQUENCY)) == UNSUCCESSFUL % 14
     assert new_log_lines(daemon, since) == []
-    assert os.listdir(data) == ["filler"]
+    assert sorted(os.listdir(data)) == ["filler", "settings.conf"]
+    assert (data / "settings.conf").read_bytes() == stored
     assert rf_frequency(daemon) == str(NEW_FREQUENCY)
     (data / "filler").unlink()
     assert send(daemon, "execute", "store_settings") == b"{}"
-    assert stored_frequency((data / "settings.conf").read_bytes()) == str(NEW_FREQUENCY)
+    assert (data / "settings.conf").read_bytes() == with_frequency(stored, NEW_FREQUENCY)
+    assert os.listdir(data) == ["settings.conf"]
 
 
 # ---------------------------------------------------------------------------------------------

@@ -493,6 +493,11 @@ class CmdJsonSettings : public CmdJsonDispatch {
     }
   }
   std::string settings() { return read_file(root + "/data/settings.conf"); }
+  /* Whether the store left its temporary file (a link to a device counts). */
+  bool temporary_file_left() {
+    struct stat status;
+    return lstat((root + "/data/settings.conf.tmp").c_str(), &status) == 0;
+  }
 };
 
 const char* const kStored =
@@ -508,6 +513,7 @@ TEST_F(CmdJsonSettings, StoreWithNothingToStoreWritesAnEmptyFile) {
 TEST_F(CmdJsonSettings, StoreWritesOneSetRequestPerInstance) {
   EXPECT_EQ(handle("{\"action\":\"execute\",\"object\":\"store_settings\",\"args\":{}}"), "{}");
   EXPECT_EQ(settings(), kStored);
+  EXPECT_FALSE(temporary_file_left());
 }
 
 TEST_F(CmdJsonSettings, AnAcceptedSetRewritesTheFile) {
@@ -531,11 +537,64 @@ TEST_F(CmdJsonSettings, AFailedStoreTurnsTheReplyIntoAWarningButKeepsTheChange) 
   EXPECT_EQ(outputs[0]->value, 7);
 }
 
-TEST_F(CmdJsonSettings, AFailingStoreHandlerLeavesNoFile) {
+/* The store handler of output 1 fails after output 0's record was written. */
+cmd_json_err_t failing_second_get(hal_object_t* object, json_t** value) {
+  if (reinterpret_cast<fake_output_t*>(object)->number == 0) return fake_get(object, value);
+  return failing_get(object, value);
+}
+
+TEST_F(CmdJsonSettings, AFailingStoreHandlerKeepsThePreviousFile) {
+  write_file(root + "/data/settings.conf", kStored);
+  row->store = failing_second_get;
+  outputs[0]->value = 7;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(
+      handle("{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"output_id\":\"1\",\"value\":\"8\"}}"),
+      warning("JSON command unsuccessful (error: 13)"));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(settings(), kStored);
+  EXPECT_FALSE(temporary_file_left());
+  EXPECT_EQ(outputs[1]->value, 8);
+}
+
+TEST_F(CmdJsonSettings, AStoreThatCannotWriteItsRecordsKeepsThePreviousFile) {
   write_file(root + "/data/settings.conf", "old");
-  row->store = failing_get;
-  EXPECT_EQ(cmd_store_settings(NULL, NULL), CMD_JSON_UNSUCCESSFUL);
-  EXPECT_EQ(settings(), "<none>");
+  /* The records go to a device that is always full: they fail when they are written out. */
+  ASSERT_EQ(symlink("/dev/full", (root + "/data/settings.conf.tmp").c_str()), 0);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(cmd_store_settings(NULL, NULL), CMD_JSON_FILE_ERR);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(settings(), "old");
+  EXPECT_FALSE(temporary_file_left());
+}
+
+TEST_F(CmdJsonSettings, ASettingsFileThatCannotBeReplacedStaysAsItWas) {
+  ASSERT_EQ(mkdir((root + "/data/settings.conf").c_str(), 0755), 0);
+  write_file(root + "/data/settings.conf/kept", "x");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(
+      handle("{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"output_id\":\"0\",\"value\":\"7\"}}"),
+      warning("JSON command unsuccessful (error: 14)"));
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("Warning in function 'cmd_store_settings'"), std::string::npos) << err;
+  EXPECT_NE(err.find("\tCould not open settings file for storing...\x1B[0m\n\r"), std::string::npos) << err;
+  EXPECT_EQ(read_file(root + "/data/settings.conf/kept"), "x");
+  EXPECT_FALSE(temporary_file_left());
+  EXPECT_EQ(outputs[0]->value, 7);
+}
+
+TEST_F(CmdJsonSettings, ATemporaryFileLeftByAPowerCutIsNeverRestoredAndTheNextStoreReplacesIt) {
+  write_file(root + "/data/settings.conf",
+             "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"5\",\"output_id\":\"0\"}}\n\r");
+  write_file(root + "/data/settings.conf.tmp",
+             "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"9\",\"output_id\":\"0\"}}\n\r{\"act");
+  EXPECT_EQ(cmd_restore_settings(NULL, NULL), CMD_JSON_OK);
+  EXPECT_EQ(outputs[0]->value, 5);
+  ASSERT_EQ(cmd_store_settings(NULL, NULL), CMD_JSON_OK);
+  EXPECT_EQ(settings(),
+            "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"5\",\"output_id\":\"0\"}}\n\r"
+            "{\"action\":\"set\",\"object\":\"output_rf\",\"args\":{\"value\":\"11\",\"output_id\":\"1\"}}\n\r");
+  EXPECT_FALSE(temporary_file_left());
 }
 
 TEST_F(CmdJsonSettings, RestoreReplaysRecordsUntilOneDoesNotParse) {

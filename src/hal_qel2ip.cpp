@@ -83,7 +83,7 @@ hal_err_t hal_qel2ip_get_dst_port(void* user, char* s_dst_port, size_t size) {
 uint8_t hal_qel2ip_running(hal_qel2ip_t* q) {
   if (q->proc_id < 1) return 0;
   if (waitpid(q->proc_id, NULL, WNOHANG) == 0) return 1;
-  DBG_MSG("Qel2ip ended by itself (PID %d)", static_cast<int>(q->proc_id));
+  DBG_MSG("Qel2ip ended (PID %d)", static_cast<int>(q->proc_id));
   q->proc_id = -1;
   return 0;
 }

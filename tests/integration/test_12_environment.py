@@ -13,8 +13,9 @@ from pathlib import Path
 
 import pytest
 
-from conftest import (REPLY_WAIT, START_WAIT, answers, daemon_env, err, free_port, get, gone, launcher, matches,
-                      ready, request, run_tavid, send, start_ready, stream, tavid_bin, tcp_listening, wait_for)
+from conftest import (REPLY_WAIT, START_WAIT, answers, daemon_env, err, free_port, get, gone, launcher,
+                      led_cleared, matches, request, run_tavid, send, start_ready, stream, tavid_bin, tcp_listening,
+                      wait_for)
 
 SIGPIPE_BIT = 1 << (signal.SIGPIPE - 1)  # in the masks of /proc/<pid>/status
 REPLACEMENT = "\ufffd"
@@ -220,7 +221,7 @@ def test_without_an_ipv4_address_the_channel_opens_on_the_ipv4_wildcard(box, tav
     wait_for(lambda: listening_rows(pid, daemon.port) or not daemon.running(), timeout=START_WAIT,
              what="the daemon listening in its network")
     assert listening_rows(pid, daemon.port) == ["00000000"]
-    ready(box, daemon)
+    wait_for(lambda: led_cleared(box, "rf") or not daemon.running(), what="the first poll pass")
     reply = subprocess.run(["nsenter", "-t", str(pid), "-U", "-n", "--preserve-credentials", "/usr/bin/python3",
                             str(Path(__file__).resolve().parents[2] / "scripts" / "request.py"), "-p",
                             str(daemon.port), '{"action":"get","object":"device","args":{"device_id":"0"}}'],

@@ -4,7 +4,7 @@
 # "lint" (the static analysis).
 set -eu
 
-packages="cmake make g++ pkg-config libjansson-dev zlib1g-dev googletest libgtest-dev libgmock-dev python3 python3-pytest procps valgrind"
+packages="cmake make g++ pkg-config libjansson-dev zlib1g-dev googletest libgtest-dev libgmock-dev python3 python3-pytest procps valgrind iproute2"
 for group in "$@"; do
   case "$group" in
     board) packages="$packages g++-arm-linux-gnueabihf qemu-user file binutils-arm-linux-gnueabihf" ;;

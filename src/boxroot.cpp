@@ -1,5 +1,6 @@
 #include "boxroot.h"
 
+#include <ctype.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -11,11 +12,29 @@
 
 static char boxroot[BOXROOT_PATH_LEN];
 
+/* The root goes into shell commands and into PATH as it stands: a space, a quote or a ':' would
+ * split it there and reach outside it, so only these characters are taken. */
+static bool boxroot_plain(const char* root) {
+  for (const char* c = root; *c != '\0'; c++) {
+    if (!isalnum(static_cast<unsigned char>(*c)) && strchr("/._-+,", *c) == NULL) return false;
+  }
+  return true;
+}
+
+/* An existing absolute directory of plain characters, and not the machine's own "/", whatever
+ * name leads there. */
+static bool boxroot_usable(const char* root) {
+  struct stat st;
+  struct stat machine_root;
+  if (root == NULL || root[0] != '/' || strlen(root) >= sizeof(boxroot) || !boxroot_plain(root) ||
+      stat(root, &st) != 0 || !S_ISDIR(st.st_mode) || stat("/", &machine_root) != 0)
+    return false;
+  return st.st_dev != machine_root.st_dev || st.st_ino != machine_root.st_ino;
+}
+
 int boxroot_init(void) {
   const char* root = getenv("TAVID_ROOT");
-  struct stat st;
-  if (root == NULL || root[0] != '/' || strlen(root) >= sizeof(boxroot) || stat(root, &st) != 0 ||
-      !S_ISDIR(st.st_mode)) {
+  if (!boxroot_usable(root)) {
     DBG_ERR("TAVID_ROOT must name an existing absolute directory (the simulated box)");
     return -1;
   }

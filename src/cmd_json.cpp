@@ -13,6 +13,7 @@
 #include "cmd_json_output_ip.h"
 #include "cmd_json_output_rf.h"
 #include "dbg.h"
+#include "utf8.h"
 
 #define CMD_JSON_DESCRIPTION_LEN 1024
 #define CMD_JSON_ID_LEN 32
@@ -362,7 +363,10 @@ json_t* cmd_json_jerror(cmd_json_err_t err) {
   for (const cmd_json_jerror_row_t& row : cmd_json_jerrors) {
     if (row.err != err) continue;
     if (row.name != NULL) {
-      snprintf(description, sizeof(description), row.format, cmd_json_name(*row.name));
+      int length = snprintf(description, sizeof(description), row.format, cmd_json_name(*row.name));
+      /* A long name is cut between characters, so that the description stays valid UTF-8. */
+      if (length > 0)
+        description[utf8_cut(description, static_cast<size_t>(length), sizeof(description) - 1)] = '\0';
     } else {
       snprintf(description, sizeof(description), "%s", row.format);
     }
@@ -377,8 +381,19 @@ cmd_json_err_t cmd_json_value_error(const char* func) {
   return CMD_JSON_ERR;
 }
 
+/* A text that is not valid UTF-8 (a corrupted module's name) is answered with U+FFFD in place of
+ * each invalid byte, so that neither the reply nor the settings file fails on it. The check is
+ * Jansson's own, so the text is not checked a second time. */
+static json_t* cmd_json_string(const char* text) {
+  const size_t length = strlen(text);
+  if (utf8_valid_length(text, length) == length) return json_stringn_nocheck(text, length);
+  text_ptr repaired(static_cast<char*>(malloc(UTF8_REPLACEMENT_LEN * length + 1)));
+  if (!repaired) return NULL;
+  return json_stringn_nocheck(repaired.get(), utf8_repair(repaired.get(), text, length));
+}
+
 cmd_json_err_t cmd_json_text(const char* func, const char* text, json_t** j_val) {
-  *j_val = json_string(text);
+  *j_val = cmd_json_string(text);
   return *j_val != NULL ? CMD_JSON_OK : cmd_json_value_error(func);
 }
 
@@ -528,7 +543,7 @@ cmd_json_err_t cmd_restore_settings(hal_object_t*, json_t*) {
   /* A restore request inside the settings file would otherwise replay the file for ever. */
   if (flag_restoring) return CMD_JSON_UNSUCCESSFUL;
   flag_restoring = 1;
-  file_ptr file(fopen(path, "r"));
+  file_ptr file(fopen(path, "re"));
   if (!file) {
     DBG_WRN("Could not open settings file for restoring...");
     flag_restoring = 0;

@@ -14,6 +14,7 @@
 #include "hal_mod_tarn.h"
 #include "hal_qel2ip.h"
 #include "hal_tsmux_5x1.h"
+#include "utf8.h"
 
 lnklist_t hal = LNKLIST_INITIALIZER;
 
@@ -88,13 +89,12 @@ uint8_t hal_settings_changed_memo(hal_crc_memo_t* memo, const void* settings, si
   return hal_take_crc(hal_crc32_memo(memo, settings, size), settings_crc, update_crc);
 }
 
-/* A bounded copy that fills the rest of the buffer with NULs, so that equal texts leave equal
- * bytes for the checksums. It tolerates the same buffer on both sides: set_all and get_all hand
- * the stored text to its own setter and getter. */
+/* A bounded copy, cut between characters, that fills the rest of the buffer with NULs, so that
+ * equal texts leave equal bytes for the checksums. It tolerates the same buffer on both sides:
+ * set_all and get_all hand the stored text to its own setter and getter. */
 static void hal_copy_text(char* to, const char* from, size_t size) {
   if (size == 0) return;
-  size_t length = strnlen(from, size - 1);
-  memmove(to, from, length);
+  size_t length = utf8_copy(to, size, from);
   memset(to + length, 0, size - length);
 }
 

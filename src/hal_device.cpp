@@ -66,7 +66,7 @@ hal_err_t hal_device_get_output_mode(hal_device_t* device, hal_device_output_mod
 
 static int hal_device_write_file(const char* box_path, const char* text) {
   char path[BOXROOT_PATH_LEN];
-  FILE* file = fopen(boxroot_path(path, sizeof(path), box_path), "w");
+  FILE* file = fopen(boxroot_path(path, sizeof(path), box_path), "we");
   if (file == NULL) return -1;
   fputs(text, file);
   /* An LED file counts as written once it opened: only a failed open is reported. */
@@ -105,7 +105,7 @@ static bool hal_device_read_int(FILE* file, int* value) {
 hal_err_t hal_device_update_temperature(hal_device_t* device) {
   if (device == NULL) return HAL_ERR;
   char path[BOXROOT_PATH_LEN];
-  FILE* file = fopen(boxroot_path(path, sizeof(path), device->temp_sensor.temperature), "r");
+  FILE* file = fopen(boxroot_path(path, sizeof(path), device->temp_sensor.temperature), "re");
   if (file == NULL) {
     DBG_WRN("Could not open temp sensor...");
     return device->hal_object.err = HAL_ERR;

@@ -1,5 +1,6 @@
 #include "hal_qel2ip.h"
 
+#include <errno.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -8,6 +9,7 @@
 
 #include "boxroot.h"
 #include "dbg.h"
+#include "utf8.h"
 
 #define QEL2IP_WAIT_US 10000
 
@@ -47,10 +49,10 @@ void delete_hal_qel2ip_output_ip(hal_object_t* object) {
   delete_hal_output_ip(object);
 }
 
-/* snprintf writes only the text and its NUL: the caller's buffer may be the output's own stored
+/* Only the text and its NUL are written: the caller's buffer may be the output's own stored
  * setting, smaller than the size the caller passed. */
 static void hal_qel2ip_copy_text(char* to, size_t size, const char* from) {
-  if (size > 0) snprintf(to, size, "%s", from);
+  if (size > 0) utf8_copy(to, size, from);
 }
 
 hal_err_t hal_qel2ip_set_dst_addr(void* user, const char* s_dst_addr) {
@@ -75,7 +77,25 @@ hal_err_t hal_qel2ip_get_dst_port(void* user, char* s_dst_port, size_t size) {
   return HAL_OK;
 }
 
-uint8_t hal_qel2ip_running(hal_qel2ip_t* q) { return q->proc_id >= 1 && kill(q->proc_id, 0) == 0; }
+/* A child that ended by itself is reaped here, so that it counts as not running from then on.
+ * Once reaped (or when it is no child of ours) its process id is forgotten: another process may
+ * take the number, and the daemon never signals it. */
+uint8_t hal_qel2ip_running(hal_qel2ip_t* q) {
+  if (q->proc_id < 1) return 0;
+  if (waitpid(q->proc_id, NULL, WNOHANG) == 0) return 1;
+  DBG_MSG("Qel2ip ended (PID %d)", static_cast<int>(q->proc_id));
+  q->proc_id = -1;
+  return 0;
+}
+
+/* Only the child that is still ours is signalled; fails with ESRCH once it has been reaped. */
+static int hal_qel2ip_signal(hal_qel2ip_t* q, int signum) {
+  if (q->proc_id < 1) {
+    errno = ESRCH;
+    return -1;
+  }
+  return kill(q->proc_id, signum);
+}
 
 /* Runs in the forked child only. _exit rather than exit: the parent's atexit handlers and stdio
  * buffers are not the child's to run. */
@@ -91,9 +111,10 @@ uint8_t hal_qel2ip_running(hal_qel2ip_t* q) { return q->proc_id >= 1 && kill(q->
 hal_err_t hal_qel2ip_start(hal_qel2ip_t* q) {
   DBG_MSG("Starting qel2ip...");
   if (hal_qel2ip_running(q)) {
-    DBG_MSG("Qel2ip already running (PID %d)", static_cast<int>(q->proc_id));
+    const pid_t old = q->proc_id; /* a failed stop may have reaped and forgotten it */
+    DBG_MSG("Qel2ip already running (PID %d)", static_cast<int>(old));
     if (hal_qel2ip_stop(q) != HAL_OK) {
-      DBG_WRN("Could not restart qel2ip (PID %d)", static_cast<int>(q->proc_id));
+      DBG_WRN("Could not restart qel2ip (PID %d)", static_cast<int>(old));
       return HAL_QEL2IP_ERR;
     }
   }
@@ -116,41 +137,45 @@ hal_err_t hal_qel2ip_start(hal_qel2ip_t* q) {
   return HAL_OK;
 }
 
+/* Once the child is reaped, whatever ended it, its process id is forgotten. */
 uint8_t hal_qel2ip_wait(hal_qel2ip_t* q, uint32_t* waited) {
   int status = 0;
-  while (waitpid(q->proc_id, &status, WNOHANG) != q->proc_id) {
+  pid_t reaped;
+  while ((reaped = waitpid(q->proc_id, &status, WNOHANG)) == 0) {
     if (*waited >= QEL2IP_STOP_TIMEOUT) return 0;
     usleep(QEL2IP_WAIT_US);
     (*waited)++;
   }
+  q->proc_id = -1;
   /* A child that caught the signal and exited has not been stopped by it. */
-  return WIFSIGNALED(status);
+  return reaped > 0 && WIFSIGNALED(status);
 }
 
-static hal_err_t hal_qel2ip_stopped(hal_qel2ip_t* q, const char* signal_name) {
-  DBG_MSG("Qel2ip stopped with %s (PID %d)", signal_name, static_cast<int>(q->proc_id));
-  q->proc_id = -1;
+static hal_err_t hal_qel2ip_stopped(pid_t pid, const char* signal_name) {
+  DBG_MSG("Qel2ip stopped with %s (PID %d)", signal_name, static_cast<int>(pid));
   return HAL_OK;
 }
 
 /* Both signals share one wait budget: after a SIGTERM wait that used it up, the SIGKILL wait
- * makes a single poll. */
+ * makes a single poll. A child that the SIGTERM wait reaped after a normal exit is not sent
+ * SIGKILL: it is gone, and its number may be another process's by then. */
 hal_err_t hal_qel2ip_stop(hal_qel2ip_t* q) {
   DBG_MSG("Stopping qel2ip... (PID %d)", static_cast<int>(q->proc_id));
   if (!hal_qel2ip_running(q)) return HAL_OK;
+  const pid_t pid = q->proc_id;
   uint32_t waited = 0;
-  if (kill(q->proc_id, SIGTERM) != 0) {
-    DBG_WRN("Could not send SIGTERM to qel2ip (PID %d)", static_cast<int>(q->proc_id));
+  if (hal_qel2ip_signal(q, SIGTERM) != 0) {
+    DBG_WRN("Could not send SIGTERM to qel2ip (PID %d)", static_cast<int>(pid));
   } else if (hal_qel2ip_wait(q, &waited)) {
-    return hal_qel2ip_stopped(q, "SIGTERM");
+    return hal_qel2ip_stopped(pid, "SIGTERM");
   }
-  DBG_WRN("Could not stop qel2ip with SIGTERM (PID %d)", static_cast<int>(q->proc_id));
-  if (kill(q->proc_id, SIGKILL) != 0) {
-    DBG_WRN("Could not send SIGKILL to qel2ip (PID %d)", static_cast<int>(q->proc_id));
+  DBG_WRN("Could not stop qel2ip with SIGTERM (PID %d)", static_cast<int>(pid));
+  if (hal_qel2ip_signal(q, SIGKILL) != 0) {
+    DBG_WRN("Could not send SIGKILL to qel2ip (PID %d)", static_cast<int>(pid));
   } else if (hal_qel2ip_wait(q, &waited)) {
-    return hal_qel2ip_stopped(q, "SIGKILL");
+    return hal_qel2ip_stopped(pid, "SIGKILL");
   }
-  DBG_WRN("Could not stop qel2ip with SIGKILL (PID %d)", static_cast<int>(q->proc_id));
+  DBG_WRN("Could not stop qel2ip with SIGKILL (PID %d)", static_cast<int>(pid));
   return HAL_QEL2IP_ERR;
 }
 
@@ -195,7 +220,7 @@ hal_err_t hal_qel2ip_get_bitrate(void* user, uint32_t* bitrate_kbps) {
   *bitrate_kbps = 0;
   if (!hal_qel2ip_running(q)) return HAL_OK;
   char path[BOXROOT_PATH_LEN + QEL2IP_STAT_NAME_LEN];
-  FILE* file = fopen(boxroot_path(path, sizeof(path), box_path), "r");
+  FILE* file = fopen(boxroot_path(path, sizeof(path), box_path), "re");
   if (file == NULL) {
     DBG_WRN("Couldn't open '%s'", box_path);
     return HAL_QEL2IP_ERR;

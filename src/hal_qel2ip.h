@@ -20,7 +20,7 @@ typedef struct hal_qel2ip_t {
   char s_dst_addr[HAL_OUTPUT_IP_ADDR_SIZE];
   char s_dst_port[HAL_OUTPUT_IP_PORT_SIZE];
   char s_qel_id[HAL_QEL2IP_ID_SIZE];
-  pid_t proc_id; /* -1 before the first start and after a stop that reaped the child */
+  pid_t proc_id; /* -1 before the first start and once the child is reaped */
 } hal_qel2ip_t;
 
 /* An IP output streamed by the child with unit number qel_id. Not pushed into the registry. */
@@ -34,12 +34,13 @@ hal_err_t hal_qel2ip_set_dst_port(void* user, const char* s_dst_port);
 hal_err_t hal_qel2ip_get_dst_addr(void* user, char* s_dst_addr, size_t size);
 hal_err_t hal_qel2ip_get_dst_port(void* user, char* s_dst_port, size_t size);
 
-/* A child that ended by itself but is not reaped yet still counts as running. */
+/* Asking reaps a child that ended by itself: it counts as not running from then on. */
 uint8_t hal_qel2ip_running(hal_qel2ip_t* q);
 hal_err_t hal_qel2ip_start(hal_qel2ip_t* q);
 hal_err_t hal_qel2ip_stop(hal_qel2ip_t* q);
 /* Polls for the end of the child every 10 ms until `*waited` reaches QEL2IP_STOP_TIMEOUT, adding
- * each wait to it. Returns 1 when the child was reaped and a signal had ended it. */
+ * each wait to it. Returns 1 when the child was reaped and a signal had ended it; a reaped child's
+ * process id is forgotten. */
 uint8_t hal_qel2ip_wait(hal_qel2ip_t* q, uint32_t* waited);
 /* The output's apply: the child runs while any service of tsout is switched on, and each apply
  * with one switched on restarts it, so that a new destination takes effect. */

@@ -31,28 +31,39 @@ int inet_add_flags(int sock, int flags) {
   return 0;
 }
 
-addrinfo_ptr inet_resolve(const char* str_addr, const char* str_port, int ai_flags) {
+addrinfo_ptr inet_resolve(const char* str_addr, const char* str_port, int ai_flags, int family) {
   struct addrinfo hints;
   memset(&hints, 0, sizeof(hints));
   hints.ai_flags = ai_flags;
-  hints.ai_family = AF_UNSPEC;
+  hints.ai_family = family;
   hints.ai_socktype = SOCK_STREAM;
   struct addrinfo* list = NULL;
   if (getaddrinfo(str_addr, str_port, &hints, &list) != 0) return nullptr;
   return addrinfo_ptr(list);
 }
-/* The first IPv4 address of a stream service and a socket for it; `func` names the caller in
- * warnings. The address stays valid while `list` lives. */
+
+/* A passive lookup with AI_ADDRCONFIG gives no IPv4 result on a box whose IPv4 address is not
+ * configured yet (DHCP pending) while it has an IPv6 one: the IPv4 wildcard address serves
+ * then, so that the command channel always opens. */
+const struct addrinfo* inet_ipv4_wildcard(const char* str_port, addrinfo_ptr* list) {
+  *list = inet_resolve(NULL, str_port, AI_PASSIVE, AF_INET);
+  return *list ? inet_first_ipv4(list->get()) : NULL;
+}
+
+/* The first IPv4 address of a stream service and a socket for it, which no program that the
+ * daemon runs inherits; `func` names the caller in warnings. The address stays valid while
+ * `list` lives. */
 int inet_socket(const char* func, const char* str_addr, const char* str_port, int ai_flags,
                 addrinfo_ptr* list, const struct addrinfo** ai) {
-  *list = inet_resolve(str_addr, str_port, ai_flags);
+  *list = inet_resolve(str_addr, str_port, ai_flags, AF_UNSPEC);
   if (!*list) {
     DBG_WRN_AT(func, "Could not get address info");
     return -1;
   }
   *ai = inet_first_ipv4(list->get());
+  if (*ai == NULL && (ai_flags & AI_PASSIVE) != 0) *ai = inet_ipv4_wildcard(str_port, list);
   if (*ai == NULL) return -1;
-  int sock = socket((*ai)->ai_family, (*ai)->ai_socktype, (*ai)->ai_protocol);
+  int sock = socket((*ai)->ai_family, (*ai)->ai_socktype | SOCK_CLOEXEC, (*ai)->ai_protocol);
   if (sock < 0) DBG_WRN_AT(func, "Could not create socket");
   return sock;
 }
@@ -88,7 +99,7 @@ int inet_create_tcp_server_socket(const char* str_port, int flags) {
 }
 
 int inet_accept_tcp_client(int srv_sock, struct sockaddr* addr, socklen_t* length_ptr, int flags) {
-  int sock = accept(srv_sock, addr, length_ptr);
+  int sock = accept4(srv_sock, addr, length_ptr, SOCK_CLOEXEC);
   if (sock < 0) {
     DBG_WRN("Could not accept");
     return -1;

@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "dbg.h"
+#include "utf8.h"
 
 /* The command frame goes out with a short time-out; the single zero byte after it is not
  * acknowledged while the module executes the command, so waiting for it is waiting for the module,
@@ -267,21 +268,23 @@ static mod_tarn_err_t mod_tarn_get_number(mod_tarn_t* mod, const char* func, con
   return err;
 }
 
-/* Longer names are cut silently; the terminator is not sent. */
+/* Longer names are cut silently, between characters; the terminator is not sent. */
 static mod_tarn_err_t mod_tarn_set_text(mod_tarn_t* mod, const char* func, const mod_tarn_param_t& param,
                                         uint8_t slot, const char* text) {
-  const uint32_t length = static_cast<uint32_t>(strnlen(text, mod_tarn_value_size(param)));
+  const uint32_t max = mod_tarn_value_size(param);
+  const uint32_t length = static_cast<uint32_t>(utf8_cut(text, strnlen(text, max + 1), max));
   return mod_tarn_param_set(mod, func, param, slot, reinterpret_cast<const uint8_t*>(text), length);
 }
 
-/* The reply's payload, as long as its length byte says, as a NUL-terminated text cut to `size`. */
+/* The reply's payload, as long as its length byte says, as a NUL-terminated text cut to `size`
+ * between characters. */
 static mod_tarn_err_t mod_tarn_get_text(mod_tarn_t* mod, const char* func, const mod_tarn_param_t& param,
                                         uint8_t slot, char* text, size_t size) {
   uint8_t rpl[MOD_TARN_RPL_SIZE_MAX];
   if (mod_tarn_param_get(mod, func, param, slot, rpl) == MOD_TARN_OK && size > 0) {
-    size_t length = rpl[MOD_TARN_RPL_LEN_OFFSET];
-    if (length > size - 1) length = size - 1;
-    memcpy(text, rpl + MOD_TARN_RPL_HEADER_SIZE, length);
+    const char* payload = reinterpret_cast<const char*>(rpl + MOD_TARN_RPL_HEADER_SIZE);
+    const size_t length = utf8_cut(payload, rpl[MOD_TARN_RPL_LEN_OFFSET], size - 1);
+    memcpy(text, payload, length);
     text[length] = '\0';
   }
   return mod->err;

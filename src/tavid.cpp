@@ -29,13 +29,16 @@ static void sighandler(int signum) {
   }
 }
 
-/* An empty mask and no flags: a signal cuts sleeps and system calls short. */
+/* An empty mask and no flags: a signal cuts sleeps and system calls short. SIGPIPE is caught and
+ * does nothing, so that a log line written to a pipe whose reader has gone (tavid 2>&1 | logger)
+ * fails instead of ending the daemon; caught rather than ignored, because an ignored signal
+ * would stay ignored in every program the daemon runs. */
 static int tavid_install_signals(void) {
   struct sigaction action;
   memset(&action, 0, sizeof(action));
   action.sa_handler = sighandler;
   sigemptyset(&action.sa_mask);
-  for (int signum : {SIGTERM, SIGINT, SIGUSR1}) {
+  for (int signum : {SIGTERM, SIGINT, SIGUSR1, SIGPIPE}) {
     if (sigaction(signum, &action, NULL) != 0) return -1;
   }
   return 0;

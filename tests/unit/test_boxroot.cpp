@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
+#include <vector>
 
 #include "boxroot.h"
 #include "hal_test_support.h"
@@ -76,6 +78,62 @@ TEST_F(Boxroot, RefusesARootThatIsNotAnAbsoluteDirectory) {
   EXPECT_EQ(without_lines(testing::internal::GetCapturedStderr()), kNoRoot);
   setenv("TAVID_ROOT", "/tmp", 1);
   EXPECT_EQ(boxroot_init(), 0);
+}
+
+/* Refused as a relative root is: the same error line, and PATH left as it was. */
+void expect_refused(const std::string& root) {
+  setenv("TAVID_ROOT", root.c_str(), 1);
+  const std::string path = getenv("PATH");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(boxroot_init(), -1) << root;
+  EXPECT_EQ(without_lines(testing::internal::GetCapturedStderr()), kNoRoot) << root;
+  EXPECT_EQ(std::string(getenv("PATH")), path) << root;
+}
+
+/* Directories made for the test in a temporary directory of its own. */
+class BoxrootNames : public Boxroot {
+ protected:
+  void SetUp() override {
+    Boxroot::SetUp();
+    char dir[] = "/tmp/tvbXXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    base = dir;
+  }
+  void TearDown() override {
+    for (const std::string& made : made_dirs) rmdir(made.c_str());
+    rmdir(base.c_str());
+    setenv("TAVID_ROOT", "/tmp", 1);
+    EXPECT_EQ(boxroot_init(), 0);
+  }
+  std::string make(const std::string& name) {
+    std::string path = base + "/" + name;
+    EXPECT_EQ(mkdir(path.c_str(), 0755), 0) << path;
+    made_dirs.insert(made_dirs.begin(), path);
+    return path;
+  }
+  std::string base;
+  std::vector<std::string> made_dirs;
+};
+
+/* A shell command or the PATH prefix would split these: each names an existing directory. */
+TEST_F(BoxrootNames, RefusesARootThatAShellOrPathWouldSplit) {
+  for (const char* name : {"a b", "a:b", "a;b", "a'b", "a\"b", "a$b", "a*b", "a\\b", "a\tb", "a\nb", "a|b",
+                           "a&b", "a(b", "a=b", "a~b", "a\xc3\xa9"}) {
+    expect_refused(make(name));
+  }
+}
+
+TEST_F(BoxrootNames, TakesLettersDigitsAndDotUnderscoreMinusPlusComma) {
+  const std::string root = make("Box_1.2-a+b,c");
+  setenv("TAVID_ROOT", root.c_str(), 1);
+  EXPECT_EQ(boxroot_init(), 0);
+  char path[BOXROOT_PATH_LEN];
+  EXPECT_EQ(std::string(boxroot_path(path, sizeof(path), "/data")), root + "/data");
+}
+
+/* The machine's own root, whatever name leads there. */
+TEST_F(BoxrootNames, RefusesTheMachinesRoot) {
+  for (const char* root : {"/", "//", "/.", "/tmp/..", "/./"}) expect_refused(root);
 }
 
 #else

@@ -253,6 +253,19 @@ TEST(CmdJsonJError, OkHasNoObjectAndANullNamePrintsAsNull) {
                "JSON command argument out of bounds ((null))");
 }
 
+/* The description holds 1023 bytes: 36 of text before the name, then 987 bytes of a name of
+ * two-byte characters, which would split the 494th; the whole character is left out. */
+TEST(CmdJsonJError, ALongNameIsCutBetweenCharacters) {
+  std::string name;
+  for (int n = 0; n < 600; n++) name += "\xc3\xa9";
+  cmd_json_s_object = name.c_str();
+  json_ptr value(cmd_json_jerror(CMD_JSON_OBJ_UNKNOWN));
+  cmd_json_s_object = NULL;
+  ASSERT_NE(value, nullptr);
+  EXPECT_EQ(std::string(json_string_value(json_object_get(value.get(), "description"))),
+            "JSON command has an unknown object (" + name.substr(0, 986));
+}
+
 /* ---- the object table ---- */
 
 TEST(CmdJsonObjects, HasTheTwentyFourRowsInOrder) {

@@ -78,11 +78,19 @@ bool ends(pid_t pid) {
   return false;
 }
 
+/* True while the process runs: it exists and is no zombie. */
+bool alive(pid_t pid) {
+  std::string stat = read_text("/proc/" + pid_text(pid) + "/stat");
+  size_t state = stat.rfind(") ");
+  return state != std::string::npos && stat.compare(state + 2, 1, "Z") != 0;
+}
+
 /* The messages about the streaming program among those of a poll cycle. */
 std::vector<std::string> streaming_messages(const std::string& out) {
   std::vector<std::string> found;
   for (const std::string& text : messages_in(out)) {
-    if (text.find("qel2ip") != std::string::npos || text.find("Qel2ip") != std::string::npos) found.push_back(text);
+    if (text.find("qel2ip") != std::string::npos || text.find("Qel2ip") != std::string::npos)
+      found.push_back(text);
   }
   return found;
 }
@@ -256,6 +264,13 @@ TEST_F(HalQel2ip, DestinationIsCutToItsBuffers) {
   EXPECT_STREQ(q->s_dst_addr, "10.20.30.40.50.");
   EXPECT_STREQ(out->settings.s_dst_addr, "10.20.30.40.50.");
   EXPECT_STREQ(q->s_dst_port, "80");
+
+  /* A two-byte character that the bound would split is left out whole, of both copies. */
+  set_destination("10.20.30.40.50\xc3\xa9", "1234\xc3\xa9");
+  EXPECT_STREQ(q->s_dst_addr, "10.20.30.40.50");
+  EXPECT_STREQ(out->settings.s_dst_addr, "10.20.30.40.50");
+  EXPECT_STREQ(q->s_dst_port, "1234");
+  EXPECT_STREQ(out->settings.s_dst_port, "1234");
 }
 
 TEST_F(HalQel2ip, GettersCopyTheChildsDestination) {
@@ -290,7 +305,7 @@ TEST_F(HalQel2ip, StartWithTheProgramMissingWarnsAndForksNothing) {
             wrn("hal_qel2ip_start", "Qel2ip does not exist or is not executable"));
   EXPECT_TRUE(no_children());
 
-  /* The PID of a child that ended earlier is kept as well. */
+  /* The PID of a child that ended earlier is no child of ours any more: it is forgotten. */
   pid_t gone = fork();
   if (gone == 0) _exit(0);
   ASSERT_GT(gone, 0);
@@ -298,8 +313,9 @@ TEST_F(HalQel2ip, StartWithTheProgramMissingWarnsAndForksNothing) {
   q->proc_id = gone;
   printed = printed_by([&] { err = hal_qel2ip_start(q); });
   EXPECT_EQ(err, HAL_QEL2IP_ERR);
-  EXPECT_EQ(q->proc_id, gone);
-  EXPECT_EQ(printed.out, msg("Starting qel2ip..."));
+  EXPECT_EQ(q->proc_id, -1);
+  EXPECT_EQ(printed.out,
+            msg("Starting qel2ip...") + msg("Qel2ip ended (PID " + pid_text(gone) + ")"));
   EXPECT_TRUE(no_children());
 }
 
@@ -375,7 +391,8 @@ TEST_F(HalQel2ip, RestartGivesUpWhenTheOldChildCannotBeStopped) {
   hal_err_t err = HAL_OK;
   printed_t printed = printed_by([&] { err = hal_qel2ip_start(q); });
   EXPECT_EQ(err, HAL_QEL2IP_ERR);
-  EXPECT_EQ(q->proc_id, first);
+  /* The SIGTERM wait reaped it: gone, it is forgotten, and SIGKILL is sent to nobody. */
+  EXPECT_EQ(q->proc_id, -1);
   EXPECT_TRUE(no_children());
   EXPECT_TRUE(ends(pid_in(root + "/tmp/sleeper")));
   const std::string pid = " (PID " + pid_text(first) + ")";
@@ -391,25 +408,23 @@ TEST_F(HalQel2ip, RestartGivesUpWhenTheOldChildCannotBeStopped) {
   EXPECT_EQ(read_text(root + "/tmp/started"), pid_text(first) + "\n");
 }
 
-/* The daemon does not reap a child that ends by itself: it stays a zombie, still counted as running,
- * until the next start tries to stop it. */
-TEST_F(HalQel2ip, ChildThatEndedByItselfIsReapedByTheNextStartAndRunAgainByTheOneAfter) {
+/* A child that ended by itself is reaped as soon as the daemon asks whether it runs: it does not
+ * run any more, its rate is 0 without a look at its statistics file, and the next start starts a
+ * new child at once, without signalling the old number. */
+TEST_F(HalQel2ip, ChildThatEndedByItselfIsReapedWhenAskedAndTheNextStartRunsANewOne) {
   install_short_lived();
   pid_t first = start_child();
   wait_ended(first);
-  EXPECT_TRUE(hal_qel2ip_running(q));
-
-  const std::string pid = " (PID " + pid_text(first) + ")";
-  printed_t printed = printed_by([this] { EXPECT_EQ(hal_qel2ip_start(q), HAL_QEL2IP_ERR); });
-  EXPECT_TRUE(reaped(first));
-  EXPECT_EQ(q->proc_id, first);
-  EXPECT_FALSE(hal_qel2ip_running(q));
-  EXPECT_EQ(warnings_in(printed.err).back(), "hal_qel2ip_start: Could not restart qel2ip" + pid);
+  write_text(stat_path("0"), "12.5");
 
   uint32_t bitrate_kbps = 777;
-  printed = printed_by([&] { EXPECT_EQ(hal_qel2ip_get_bitrate(q, &bitrate_kbps), HAL_OK); });
+  printed_t printed = printed_by([&] { EXPECT_EQ(hal_qel2ip_get_bitrate(q, &bitrate_kbps), HAL_OK); });
   EXPECT_EQ(bitrate_kbps, 0u);
+  EXPECT_EQ(printed.out, msg("Qel2ip ended (PID " + pid_text(first) + ")"));
   EXPECT_EQ(printed.err, "");
+  EXPECT_TRUE(reaped(first));
+  EXPECT_EQ(q->proc_id, -1);
+  EXPECT_FALSE(hal_qel2ip_running(q));
 
   printed = printed_by([&] { EXPECT_EQ(hal_qel2ip_start(q), HAL_OK); });
   pid_t second = q->proc_id;
@@ -418,7 +433,45 @@ TEST_F(HalQel2ip, ChildThatEndedByItselfIsReapedByTheNextStartAndRunAgainByTheOn
       messages_in(printed.out),
       (std::vector<std::string>{"Starting qel2ip...",
                                 "qel2ip started for destination : (QEL: 0) (PID " + pid_text(second) + ")"}));
+  EXPECT_EQ(printed.err, "");
   wait_started(second);
+}
+
+/* The start's own question reaps it as well, so the apply after the end restarts at once. */
+TEST_F(HalQel2ip, StartAfterTheChildEndedByItselfStartsANewOneAtOnce) {
+  install_short_lived();
+  pid_t first = start_child();
+  wait_ended(first);
+  hal_err_t err = HAL_ERR;
+  printed_t printed = printed_by([&] { err = hal_qel2ip_start(q); });
+  EXPECT_EQ(err, HAL_OK);
+  pid_t second = q->proc_id;
+  EXPECT_TRUE(reaped(first));
+  EXPECT_EQ(
+      messages_in(printed.out),
+      (std::vector<std::string>{"Starting qel2ip...", "Qel2ip ended (PID " + pid_text(first) + ")",
+                                "qel2ip started for destination : (QEL: 0) (PID " + pid_text(second) + ")"}));
+  EXPECT_EQ(printed.err, "");
+  wait_started(second);
+}
+
+/* A number that is no child of ours (another process's by now) does not run for the daemon and
+ * is never signalled. */
+TEST_F(HalQel2ip, AProcessThatIsNoChildOfOursIsNeverSignalled) {
+  ASSERT_EQ(
+      system(("/bin/sleep 30 </dev/null >/dev/null 2>&1 & echo $! > " + root + "/tmp/stranger").c_str()), 0);
+  const pid_t stranger = pid_in(root + "/tmp/stranger");
+  ASSERT_GT(stranger, 0);
+  const std::string in_pid = " (PID " + pid_text(stranger) + ")";
+  q->proc_id = stranger;
+  hal_err_t err = HAL_ERR;
+  printed_t printed = printed_by([&] { err = hal_qel2ip_stop(q); });
+  EXPECT_EQ(err, HAL_OK);
+  EXPECT_EQ(q->proc_id, -1);
+  EXPECT_EQ(printed.out, msg("Stopping qel2ip..." + in_pid) + msg("Qel2ip ended" + in_pid));
+  EXPECT_EQ(printed.err, "");
+  EXPECT_TRUE(alive(stranger));
+  kill(stranger, SIGKILL);
 }
 
 /* ---- stop ---- */
@@ -494,7 +547,7 @@ TEST_F(HalQel2ip, ChildExitingNormallyOnSigtermDoesNotCountAsStopped) {
   printed_t printed = printed_by([&] { err = hal_qel2ip_stop(q); });
   EXPECT_LT(seconds_since(start), kStopBudget) << "the child was waited for to the end";
   EXPECT_EQ(err, HAL_QEL2IP_ERR);
-  EXPECT_EQ(q->proc_id, pid);
+  EXPECT_EQ(q->proc_id, -1);
   EXPECT_TRUE(reaped(pid));
   EXPECT_FALSE(hal_qel2ip_running(q));
   EXPECT_TRUE(ends(pid_in(root + "/tmp/sleeper")));
@@ -532,7 +585,7 @@ TEST_F(HalQel2ip, WaitReapsAChildEndedByASignal) {
   EXPECT_EQ(hal_qel2ip_wait(q, &waited), 1);
   EXPECT_LT(waited, static_cast<uint32_t>(QEL2IP_STOP_TIMEOUT));
   EXPECT_TRUE(reaped(pid));
-  EXPECT_EQ(q->proc_id, pid);
+  EXPECT_EQ(q->proc_id, -1);
 }
 
 TEST_F(HalQel2ip, DeleteStopsTheChild) {
@@ -729,8 +782,9 @@ TEST_F(HalQel2ip, SwitchingAServiceInThePollCycleStartsAndStopsTheChild) {
   wait_started(pid);
   EXPECT_EQ(service_at(input->tsout, 0)->enabled, 1);
   EXPECT_EQ(streaming_messages(printed),
-            (std::vector<std::string>{"Starting qel2ip...", "qel2ip started for destination 239.1.1.1:1234 (QEL: 0) (PID " +
-                                                                pid_text(pid) + ")"}));
+            (std::vector<std::string>{
+                "Starting qel2ip...",
+                "qel2ip started for destination 239.1.1.1:1234 (QEL: 0) (PID " + pid_text(pid) + ")"}));
 
   hal_service_set_enabled(service_at(out->tsout, 0), 0);
   printed = poll();

@@ -95,6 +95,22 @@ TEST_F(HalTs, LongNetworkNameIsCutTo63Characters) {
   EXPECT_EQ(std::string(63, 'n'), t->settings.network_name);
 }
 
+/* 62 letters and a two-byte character: the 63-byte cut would split it, so it is left out whole,
+ * and the stored bytes after the name stay zero for the checksum. */
+TEST_F(HalTs, LongNamesAreCutBetweenCharacters) {
+  hal_ts_t* t = ts();
+  const std::string name = std::string(62, 'n') + "\xc3\xa9";
+  EXPECT_EQ(HAL_OK, hal_ts_set_network_name(t, name.c_str()));
+  EXPECT_EQ(std::string(62, 'n'), t->settings.network_name);
+  EXPECT_EQ(t->settings.network_name[63], '\0');
+  hal_service_t* service = hal_ts_new_service(t);
+  EXPECT_EQ(HAL_OK, hal_service_set_name(service, name.c_str()));
+  EXPECT_EQ(std::string(62, 'n'), service->settings.service_name);
+  char copy[HAL_TS_TEXT_SIZE];
+  EXPECT_EQ(HAL_OK, hal_service_get_name(service, copy, sizeof(copy)));
+  EXPECT_EQ(std::string(62, 'n'), copy);
+}
+
 TEST_F(HalTs, ServiceTypeKeepsItsLowByte) {
   hal_service_t* service = hal_ts_new_service(ts());
   EXPECT_EQ(HAL_OK, hal_service_set_type(service, 0x1234));

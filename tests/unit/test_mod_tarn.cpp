@@ -1146,6 +1146,28 @@ TEST_F(ModTarn, LongExtraServiceNameIsCutAfterItsSlot) {
   EXPECT_EQ(bus_.frames()[0], written(frame));
 }
 
+/* Fourteen letters and a two-byte character are 16 bytes: the cut to 15 would split the
+ * character, so the whole character is left out. */
+TEST_F(ModTarn, LongNameIsCutBetweenCharacters) {
+  module_replies(reply(0x18, 0x00));
+  EXPECT_EQ(mod_tarn_set_service_name(&mod_, "ABCDEFGHIJKLMN\xC3\xA9"), MOD_TARN_OK);
+  EXPECT_EQ(bus_.frames()[0], written({'#', 0x18, 14, 'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 'I', 'J', 'K',
+                                       'L', 'M', 'N', CR}));
+  module_replies(reply(0x19, 0x00));
+  /* Five three-byte characters fill the 15 bytes exactly: nothing is cut. */
+  EXPECT_EQ(mod_tarn_set_network_name(&mod_,
+                                      "\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC\xE2\x82\xAC"
+                                      "A"),
+            MOD_TARN_OK);
+  EXPECT_EQ(bus_.frames()[3], written({'#', 0x19, 15, 0xE2, 0x82, 0xAC, 0xE2, 0x82, 0xAC, 0xE2, 0x82, 0xAC,
+                                       0xE2, 0x82, 0xAC, 0xE2, 0x82, 0xAC, CR}));
+  module_replies(reply(0x65, 0x00));
+  EXPECT_EQ(mod_tarn_set_extra_service_info_service_name(&mod_, 2, "ABCDEFGHIJKLM\xF0\x9F\x98\x80"),
+            MOD_TARN_OK);
+  EXPECT_EQ(bus_.frames()[6], written({'#', 0x65, 14, 0x02, 'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 'I', 'J',
+                                       'K', 'L', 'M', CR}));
+}
+
 TEST_F(ModTarn, EmptyNameIsSentAsLengthZero) {
   module_replies(reply(0x18, 0x00));
   EXPECT_EQ(mod_tarn_set_service_name(&mod_, ""), MOD_TARN_OK);
@@ -1172,6 +1194,23 @@ TEST_F(ModTarn, NameIsCutToTheBuffer) {
   char name[6] = {'x', 'x', 'x', 'x', 'x', 'x'};
   EXPECT_EQ(mod_tarn_get_network_name(&mod_, name, 4), MOD_TARN_OK);
   EXPECT_EQ(std::string(name, 6), std::string("Tav\0xx", 6));
+}
+
+TEST_F(ModTarn, NameIsCutToTheBufferBetweenCharacters) {
+  module_replies(reply(0x98, 0x00, {'A', 'B', 0xC3, 0xA9}));
+  char name[6] = {'x', 'x', 'x', 'x', 'x', 'x'};
+  EXPECT_EQ(mod_tarn_get_service_name(&mod_, name, 4), MOD_TARN_OK);
+  EXPECT_EQ(std::string(name, 6), std::string("AB\0xxx", 6));
+}
+
+/* Bytes that are no UTF-8 are the module's: they are read as they come (the reply repairs them). */
+TEST_F(ModTarn, ANameThatIsNotUtf8IsReadAsItComes) {
+  module_replies(reply(0x98, 0x00, {'A', 0xFF, 'B', 0xC3}));
+  char name[16];
+  EXPECT_EQ(mod_tarn_get_service_name(&mod_, name, sizeof(name)), MOD_TARN_OK);
+  EXPECT_STREQ(name,
+               "A\xFF"
+               "B\xC3");
 }
 
 TEST_F(ModTarn, FifteenCharacterNameIsReadWhole) {

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Static analysis: clang-tidy and cppcheck over the daemon and its libraries (src/, lnklist/, i2c/,
-# gpio/, it9300/), the unit tests (tests/unit/) and the fuzzing harnesses (fuzz/). Fails on any
+# gpio/, it9300/), the clients (client/, tavictl/), the unit tests (tests/unit/) and the fuzzing harnesses (fuzz/). Fails on any
 # finding. The checks are the checked-in configuration: .clang-tidy (tests/unit/.clang-tidy and
 # fuzz/.clang-tidy adjust it there) and .cppcheck-suppressions with the cppcheck options below.
 #   scripts/lint.sh [build-dir]
@@ -19,7 +19,7 @@ CC=clang CXX=clang++ cmake -S . -B "$build/fuzz-db" -DTAVID_FUZZ=ON -DTAVID_TEST
 
 # The slowest first, so that the two jobs end together.
 files=$(printf '%s\n' tests/unit/test_*.cpp fuzz/fuzz_*.cpp src/*.cpp lnklist/src/*.cpp i2c/src/*.cpp \
-  gpio/src/*.cpp it9300/src/*.cpp)
+  gpio/src/*.cpp it9300/src/*.cpp client/src/*.cpp tavictl/src/*.cpp)
 
 started=$(date +%s)
 tidy_status=0

@@ -10,7 +10,7 @@ cmake --build build/host -j"$(nproc)" --target tavid tavictl >/dev/null
 
 port="${TAVID_PORT:-49999}"
 root="$(mktemp -d /tmp/tvXXXXXX)"
-tavictl="build/host/src/tavictl -p $port"
+tavictl="build/host/tavictl/tavictl -p $port"
 sim() { /usr/bin/python3 sim/tavisim.py --root "$root" "$@"; }
 
 sim --mode rf --tavid "$PWD/build/host/src/tavid" --tavid-args "-v -c $port" &

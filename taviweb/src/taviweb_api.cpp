@@ -45,7 +45,7 @@ std::optional<taviweb_response_t> taviweb_api_admit(const taviweb_request_t& req
 
 std::optional<taviweb_response_t> taviweb_api_check_body(const std::string& body) {
   json_error_t error;
-  json_ptr request(json_loadb(body.data(), body.size(), 0, &error));
+  json_ptr request(json_loadb(body.data(), body.size(), JSON_DECODE_ANY, &error));
   if (!request) return taviweb_error(400, std::string("the body is not JSON: ") + error.text);
   if (!json_is_object(request.get())) return taviweb_error(400, "the body is not a JSON object");
   return std::nullopt;

@@ -38,6 +38,16 @@ std::string taviweb_auth_crypt(const std::string& password, const std::string& h
   return result != NULL ? result : "";
 }
 
+/* A whole SHA-512 crypt hash: hashing with it as the setting gives a hash of the same form, the
+ * same settings and salt before the last '$', and a digest of the same length after it. */
+bool taviweb_auth_sha512(const std::string& hash) {
+  if (hash.compare(0, strlen(TAVIWEB_AUTH_HASH_PREFIX), TAVIWEB_AUTH_HASH_PREFIX) != 0) return false;
+  std::string again = taviweb_auth_crypt("", hash);
+  size_t digest = hash.rfind('$');
+  return again.size() == hash.size() && digest > strlen(TAVIWEB_AUTH_HASH_PREFIX) &&
+         again.compare(0, digest + 1, hash, 0, digest + 1) == 0;
+}
+
 }  // namespace
 
 bool taviweb_auth_base64_decode(const std::string& text, std::string* decoded) {
@@ -85,8 +95,7 @@ bool taviweb_auth_t::add(const std::string& line, std::string* error) {
   }
   std::string user = line.substr(0, colon);
   std::string hash = line.substr(colon + 1);
-  if (hash.compare(0, strlen(TAVIWEB_AUTH_HASH_PREFIX), TAVIWEB_AUTH_HASH_PREFIX) != 0 ||
-      taviweb_auth_crypt("", hash).compare(0, strlen(TAVIWEB_AUTH_HASH_PREFIX), TAVIWEB_AUTH_HASH_PREFIX) != 0) {
+  if (!taviweb_auth_sha512(hash)) {
     *error = "the hash of '" + user + "' is not a SHA-512 crypt hash (openssl passwd -6)";
     return false;
   }

@@ -15,7 +15,7 @@
 
 namespace {
 
-/* How long stop() waits for suspended requests to be answered. */
+/* How long stop() waits for the requests being handled to end. */
 #define TAVIWEB_HTTP_STOP_WAIT std::chrono::seconds(5)
 
 struct taviweb_mhd_response_deleter {
@@ -28,8 +28,7 @@ using taviweb_mhd_response_ptr = std::unique_ptr<struct MHD_Response, taviweb_mh
  * handler returns has its connection suspended, and the answer resumes it. */
 class taviweb_pending_t : public taviweb_responder_t {
  public:
-  taviweb_pending_t(taviweb_http_t* server, struct MHD_Connection* connection)
-      : server_(server), connection_(connection) {}
+  explicit taviweb_pending_t(struct MHD_Connection* connection) : connection_(connection) {}
 
   void send(taviweb_response_t response) override {
     bool resume = false;
@@ -45,20 +44,17 @@ class taviweb_pending_t : public taviweb_responder_t {
   std::optional<taviweb_response_t> settle() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (response_) {
-      if (suspended_) server_->resumed();
       suspended_ = false;
       return std::move(response_);
     }
     if (!suspended_) {
       MHD_suspend_connection(connection_);
       suspended_ = true;
-      server_->suspended();
     }
     return std::nullopt;
   }
 
  private:
-  taviweb_http_t* server_;
   struct MHD_Connection* connection_;
   std::mutex mutex_;
   std::optional<taviweb_response_t> response_;
@@ -133,7 +129,8 @@ void taviweb_http_take(taviweb_call_t* call, const char* data, size_t size) {
 enum MHD_Result taviweb_http_finish(taviweb_http_t* server, taviweb_call_t* call, struct MHD_Connection* connection) {
   if (call->answered) return MHD_YES;
   if (!call->pending) {
-    call->pending = std::make_shared<taviweb_pending_t>(server, connection);
+    call->pending = std::make_shared<taviweb_pending_t>(connection);
+    server->handling();
     taviweb_route_handle(server->app(), call->route, call->request, call->too_large, call->pending);
   }
   std::optional<taviweb_response_t> response = call->pending->settle();
@@ -164,8 +161,9 @@ enum MHD_Result taviweb_http_access(void* cls, struct MHD_Connection* connection
 void taviweb_http_completed(void* cls, struct MHD_Connection*, void** con_cls, enum MHD_RequestTerminationCode) {
   std::unique_ptr<taviweb_call_t> call(static_cast<taviweb_call_t*>(*con_cls));
   *con_cls = NULL;
-  if (!call || !call->answered) return;
   auto* server = static_cast<taviweb_http_t*>(cls);
+  if (call && call->pending) server->handled();
+  if (!call || !call->answered) return;
   server->app()->stats->count_http(taviweb_route_label(call->route), call->status);
   if (server->verbose()) {
     printf(TAVIWEB_PROG ": %s %s %u\n", call->request.method.c_str(), call->request.path.c_str(), call->status);
@@ -218,19 +216,19 @@ void taviweb_http_t::stop() {
   if (daemon_ == NULL) return;
   {
     std::unique_lock<std::mutex> lock(mutex_);
-    idle_.wait_for(lock, TAVIWEB_HTTP_STOP_WAIT, [this] { return suspended_ == 0; });
+    idle_.wait_for(lock, TAVIWEB_HTTP_STOP_WAIT, [this] { return handling_ == 0; });
   }
   MHD_stop_daemon(daemon_);
   daemon_ = NULL;
 }
 
-void taviweb_http_t::suspended() {
+void taviweb_http_t::handling() {
   std::lock_guard<std::mutex> lock(mutex_);
-  suspended_++;
+  handling_++;
 }
 
-void taviweb_http_t::resumed() {
+void taviweb_http_t::handled() {
   std::lock_guard<std::mutex> lock(mutex_);
-  suspended_--;
+  handling_--;
   idle_.notify_all();
 }

@@ -34,13 +34,13 @@ class taviweb_http_t {
 
   /* Serves on the listening socket, which the server then owns. */
   bool start(int listen_fd, std::string* error);
-  /* Waits until every suspended request has been answered (stop tavid's queue first, so that
-   * every one is), then ends the server. */
+  /* Waits until every request that reached its route has been answered and its answer sent
+   * (stop tavid's queue first, so that every one is answered), then ends the server. */
   void stop();
 
-  /* The connection bookkeeping of suspended requests (used by the responders). */
-  void suspended();
-  void resumed();
+  /* Bookkeeping of the requests between their route's handler and their end. */
+  void handling();
+  void handled();
 
   taviweb_app_t* app() const { return app_; }
   const taviweb_routes_t& routes() const { return routes_; }
@@ -53,7 +53,7 @@ class taviweb_http_t {
   struct MHD_Daemon* daemon_ = NULL;
   std::mutex mutex_;
   std::condition_variable idle_;
-  unsigned suspended_ = 0;
+  unsigned handling_ = 0;
 };
 
 #endif

@@ -120,7 +120,7 @@ bool taviweb_parse_options(int argc, char** argv, taviweb_options_t* options, st
     return taviweb_invalid(error, "invalid default listening address");
   }
   opterr = 0;
-  optind = 1;
+  optind = 0; /* glibc starts its scan afresh */
   int opt;
   while ((opt = getopt_long(argc, argv, ":l:H:p:i:t:vh", taviweb_long_options, NULL)) != -1) {
     if (!taviweb_take_option(opt, argv, options, error)) return false;

@@ -164,7 +164,7 @@ void taviweb_http_completed(void* cls, struct MHD_Connection*, void** con_cls, e
   auto* server = static_cast<taviweb_http_t*>(cls);
   if (call && call->pending) server->handled();
   if (!call || !call->answered) return;
-  server->app()->stats->count_http(taviweb_route_label(call->route), call->status);
+  server->app()->stats->count_http(taviweb_route_label(server->routes(), call->request.path), call->status);
   if (server->verbose()) {
     printf(TAVIWEB_PROG ": %s %s %u\n", call->request.method.c_str(), call->request.path.c_str(), call->status);
   }

@@ -122,4 +122,9 @@ void taviweb_route_handle(taviweb_app_t* app, const taviweb_route_t* route, cons
   route->handle(app, request, responder);
 }
 
-const char* taviweb_route_label(const taviweb_route_t* route) { return route != NULL ? route->path : "other"; }
+const char* taviweb_route_label(const taviweb_routes_t& routes, const std::string& path) {
+  for (size_t n = 0; n < routes.count; n++) {
+    if (path == routes.rows[n].path) return routes.rows[n].path;
+  }
+  return "other";
+}

@@ -61,8 +61,8 @@ taviweb_admission_t taviweb_route_admit(taviweb_app_t* app, const taviweb_routes
 void taviweb_route_handle(taviweb_app_t* app, const taviweb_route_t* route, const taviweb_request_t& request,
                           bool too_large, const std::shared_ptr<taviweb_responder_t>& responder);
 
-/* The path a request is counted under: its route's, or "other" (unknown paths are not kept one
- * by one, so that nobody can make the metrics grow without end). */
-const char* taviweb_route_label(const taviweb_route_t* route);
+/* The path a request is counted under: the table's when it has the path, else "other" (unknown
+ * paths are not kept one by one, so that nobody can make the metrics grow without end). */
+const char* taviweb_route_label(const taviweb_routes_t& routes, const std::string& path);
 
 #endif

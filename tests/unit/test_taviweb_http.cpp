@@ -188,7 +188,7 @@ TEST_F(TaviwebHttp, AnsweredRequestsAreCountedByRouteAndStatus) {
   taviweb_stats_snapshot_t counts = stats_.snapshot();
   EXPECT_EQ((counts.http[{"/now", 200}]), 1u);
   EXPECT_EQ((counts.http[{"other", 404}]), 1u);
-  EXPECT_EQ((counts.http[{"other", 405}]), 1u);
+  EXPECT_EQ((counts.http[{"/now", 405}]), 1u);
   EXPECT_EQ(counts.http.size(), 3u);
 }
 

@@ -163,8 +163,10 @@ TEST_F(TaviwebRoutes, StatusAndMetricsAnswerFromTheSameRound) {
 }
 
 TEST(TaviwebRouteLabel, UnknownPathsAreCountedTogether) {
-  EXPECT_STREQ(taviweb_route_label(&taviweb_routes.rows[0]), "/api");
-  EXPECT_STREQ(taviweb_route_label(nullptr), "other");
+  EXPECT_STREQ(taviweb_route_label(taviweb_routes, "/api"), "/api");
+  EXPECT_STREQ(taviweb_route_label(taviweb_routes, "/metrics"), "/metrics");
+  EXPECT_STREQ(taviweb_route_label(taviweb_routes, "/nope"), "other");
+  EXPECT_STREQ(taviweb_route_label(taviweb_routes, "/api/"), "other");
 }
 
 }  // namespace

@@ -666,7 +666,8 @@ def fetch(url: str, method: str = "GET", body: bytes | None = None, headers: dic
     parts = urlsplit(url)
     connection = http.client.HTTPConnection(parts.hostname, parts.port, timeout=wait)
     try:
-        connection.request(method, parts.path or "/", body=body, headers=headers or {})
+        target = (parts.path or "/") + (f"?{parts.query}" if parts.query else "")
+        connection.request(method, target, body=body, headers=headers or {})
         response = connection.getresponse()
         return Http(response.status, {name.lower(): value for name, value in response.getheaders()},
                     response.read())

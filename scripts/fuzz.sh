@@ -3,14 +3,14 @@
 # (default 30) on a copy of its seed corpus, which stays as it is checked in. Fails on any crash,
 # leak, time-out or sanitizer report, naming the input that caused it; prints the executions of each.
 #   scripts/fuzz.sh [seconds-per-harness] [harness ...]
-# Harness names are fuzz_cmd_json, fuzz_mod_tarn_reply, fuzz_settings_restore, fuzz_netsettings and
-# fuzz_cmd_channel; without names all five run, one after the other.
+# Harness names are fuzz_cmd_json, fuzz_mod_tarn_reply, fuzz_settings_restore, fuzz_netsettings,
+# fuzz_cmd_channel and fuzz_taviweb; without names all six run, one after the other.
 set -eu
 
 cd "$(dirname "$0")/.."
 seconds="${1:-30}"
 [ $# -gt 0 ] && shift
-harnesses="${*:-fuzz_cmd_json fuzz_mod_tarn_reply fuzz_settings_restore fuzz_netsettings fuzz_cmd_channel}"
+harnesses="${*:-fuzz_cmd_json fuzz_mod_tarn_reply fuzz_settings_restore fuzz_netsettings fuzz_cmd_channel fuzz_taviweb}"
 case "$seconds" in
   '' | *[!0-9]*) echo "usage: scripts/fuzz.sh [seconds-per-harness] [harness ...]" >&2; exit 2 ;;
 esac

@@ -1,10 +1,12 @@
 #include "taviweb_auth.h"
 
 #include <crypt.h>
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 
-#include <fstream>
 #include <memory>
 
 namespace {
@@ -106,27 +108,36 @@ bool taviweb_auth_t::add(const std::string& line, std::string* error) {
   return true;
 }
 
+struct taviweb_auth_file_closer {
+  void operator()(FILE* file) const { fclose(file); }
+};
+
 bool taviweb_auth_t::load(const char* path, std::string* error) {
-  std::ifstream file(path);
+  /* stdio rather than iostreams: the board links libstdc++ statically, and streams bring its
+   * whole locale machinery. */
+  std::unique_ptr<FILE, taviweb_auth_file_closer> file(fopen(path, "re"));
   if (!file) {
     *error = std::string("cannot read ") + path + " (" + strerror(errno) + ")";
     return false;
   }
-  std::string line;
-  for (unsigned number = 1; std::getline(file, line); number++) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
+  char* text = NULL;
+  size_t size = 0;
+  ssize_t length;
+  bool good = true;
+  for (unsigned number = 1; good && (length = getline(&text, &size, file.get())) >= 0; number++) {
+    std::string line(text, static_cast<size_t>(length));
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
     if (line.empty() || line[0] == '#') continue;
     std::string why;
-    if (!add(line, &why)) {
-      *error = std::string(path) + " line " + std::to_string(number) + ": " + why;
-      return false;
-    }
+    good = add(line, &why);
+    if (!good) *error = std::string(path) + " line " + std::to_string(number) + ": " + why;
   }
-  if (hashes_.empty()) {
+  free(text);
+  if (good && hashes_.empty()) {
     *error = std::string(path) + " names no user";
     return false;
   }
-  return true;
+  return good;
 }
 
 bool taviweb_auth_t::matches(const std::string& user, const std::string& password) {

@@ -142,13 +142,13 @@ bool tavid_client_receive_all(int fd, std::string* reply, const tavid_client_run
   }
 }
 
-std::string tavid_client_errno_text(int code) {
+}  // namespace
+
+std::string tavid_client_strerror(int code) {
   char text[128];
   /* The GNU strerror_r: the text may or may not be written into the buffer. */
   return strerror_r(code, text, sizeof(text));
 }
-
-}  // namespace
 
 /* The sending side is never shut: after a half-close the daemon's reads return 0 instead of
  * timing out, so it would not see the request end. */
@@ -176,7 +176,7 @@ std::string tavid_client_describe(const tavid_client_t* client, tavid_client_fai
     case TAVID_CLIENT_RESOLVE_ERR:
       return "cannot resolve '" + client->host + "' (" + gai_strerror(failure.code) + ")";
     case TAVID_CLIENT_CONNECT_ERR:
-      return "cannot reach tavid at " + where + " (" + tavid_client_errno_text(failure.code) + ")";
+      return "cannot reach tavid at " + where + " (" + tavid_client_strerror(failure.code) + ")";
     case TAVID_CLIENT_TIMEOUT:
       snprintf(seconds, sizeof(seconds), "%g", client->timeout_s);
       return "no complete reply from " + where + " within " + seconds + " s";
@@ -184,7 +184,7 @@ std::string tavid_client_describe(const tavid_client_t* client, tavid_client_fai
       return "exchange with " + where + " given up";
     case TAVID_CLIENT_IO_ERR:
     default:
-      return "exchange with " + where + " failed (" + tavid_client_errno_text(failure.code) + ")";
+      return "exchange with " + where + " failed (" + tavid_client_strerror(failure.code) + ")";
   }
 }
 

@@ -45,6 +45,9 @@ tavid_client_failure_t tavid_client_exchange(const tavid_client_t* client, const
  * (Connection refused)". Thread-safe. */
 std::string tavid_client_describe(const tavid_client_t* client, tavid_client_failure_t failure);
 
+/* The text of a system error number. Thread-safe. */
+std::string tavid_client_strerror(int code);
+
 /* "1" to "65535" in decimal digits only. */
 bool tavid_client_valid_port(const char* text);
 

@@ -38,8 +38,9 @@ void taviweb_block_signals(sigset_t* stop) {
   sigemptyset(stop);
   sigaddset(stop, SIGTERM);
   sigaddset(stop, SIGINT);
-  pthread_sigmask(SIG_BLOCK, stop, NULL);
-  signal(SIGPIPE, SIG_IGN);
+  if (pthread_sigmask(SIG_BLOCK, stop, NULL) != 0 || signal(SIGPIPE, SIG_IGN) == SIG_ERR) {
+    perror(TAVIWEB_PROG ": cannot set up the signals");
+  }
 }
 
 int taviweb_serve(const taviweb_options_t& options, taviweb_auth_t* auth, const sigset_t& stop) {
@@ -68,7 +69,8 @@ int taviweb_serve(const taviweb_options_t& options, taviweb_auth_t* auth, const 
 }  // namespace
 
 int main(int argc, char** argv) {
-  setvbuf(stdout, NULL, _IOLBF, 0);
+  /* One line at a time, so that a log file shows each request as it ends. */
+  if (setvbuf(stdout, NULL, _IOLBF, 0) != 0) perror(TAVIWEB_PROG ": standard output stays fully buffered");
   taviweb_options_t options;
   std::string error;
   if (!taviweb_parse_options(argc, argv, &options, &error)) return taviweb_usage_error(error);

@@ -10,7 +10,7 @@
 #include "taviweb_request.h"
 #include "taviweb_tavid.h"
 
-#define TAVIWEB_API_BODY_MAX (64U * 1024U)
+#define TAVIWEB_API_BODY_MAX 65536U /* 64 KiB */
 
 /* Before the body is read: the content type must be application/json, and an Origin header
  * must name this site (http or https, and the Host the request was sent to), so that a page of

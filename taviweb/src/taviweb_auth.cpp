@@ -9,6 +9,8 @@
 
 #include <memory>
 
+#include "tavid_client.h"
+
 namespace {
 
 #define TAVIWEB_AUTH_SCHEME "Basic"
@@ -109,7 +111,7 @@ bool taviweb_auth_t::add(const std::string& line, std::string* error) {
 }
 
 struct taviweb_auth_file_closer {
-  void operator()(FILE* file) const { fclose(file); }
+  void operator()(FILE* file) const { (void)fclose(file); }
 };
 
 bool taviweb_auth_t::load(const char* path, std::string* error) {
@@ -117,7 +119,7 @@ bool taviweb_auth_t::load(const char* path, std::string* error) {
    * whole locale machinery. */
   std::unique_ptr<FILE, taviweb_auth_file_closer> file(fopen(path, "re"));
   if (!file) {
-    *error = std::string("cannot read ") + path + " (" + strerror(errno) + ")";
+    *error = std::string("cannot read ") + path + " (" + tavid_client_strerror(errno) + ")";
     return false;
   }
   char* text = NULL;

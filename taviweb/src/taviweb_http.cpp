@@ -170,11 +170,6 @@ void taviweb_http_completed(void* cls, struct MHD_Connection*, void** con_cls, e
   }
 }
 
-std::string taviweb_http_errno_text(int code) {
-  char text[128];
-  return strerror_r(code, text, sizeof(text));
-}
-
 }  // namespace
 
 int taviweb_http_listen(const taviweb_listen_t& listen, std::string* error) {
@@ -187,7 +182,7 @@ int taviweb_http_listen(const taviweb_listen_t& listen, std::string* error) {
       ::listen(fd, TAVIWEB_HTTP_BACKLOG) == 0) {
     return fd;
   }
-  *error = "cannot listen on " + listen.text + " (" + taviweb_http_errno_text(errno) + ")";
+  *error = "cannot listen on " + listen.text + " (" + tavid_client_strerror(errno) + ")";
   if (fd >= 0) close(fd);
   return -1;
 }

@@ -122,6 +122,7 @@ bool taviweb_parse_options(int argc, char** argv, taviweb_options_t* options, st
   opterr = 0;
   optind = 0; /* glibc starts its scan afresh */
   int opt;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the command line is read before any thread starts
   while ((opt = getopt_long(argc, argv, ":l:H:p:i:t:vh", taviweb_long_options, NULL)) != -1) {
     if (!taviweb_take_option(opt, argv, options, error)) return false;
   }

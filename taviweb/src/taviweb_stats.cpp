@@ -1,7 +1,5 @@
 #include "taviweb_stats.h"
 
-const std::vector<double> taviweb_stats_tavid_bounds = {0.06, 0.08, 0.1, 0.25, 0.5, 1, 2.5, 5, 10, 30};
-
 taviweb_stats_t::taviweb_stats_t() { counts_.tavid_buckets.assign(taviweb_stats_tavid_bounds.size(), 0); }
 
 void taviweb_stats_t::count_http(const std::string& path, unsigned status) {

@@ -6,6 +6,7 @@
 
 #include <stdint.h>
 
+#include <array>
 #include <map>
 #include <mutex>
 #include <string>
@@ -14,7 +15,7 @@
 
 /* Upper bounds of the buckets of tavid's answer times, in seconds (a request takes at least the
  * daemon's 50 ms of silence). */
-extern const std::vector<double> taviweb_stats_tavid_bounds;
+inline constexpr std::array<double, 10> taviweb_stats_tavid_bounds = {0.06, 0.08, 0.1, 0.25, 0.5, 1, 2.5, 5, 10, 30};
 
 typedef struct taviweb_stats_snapshot_t {
   std::map<std::pair<std::string, unsigned>, uint64_t> http; /* (path, status) -> requests */

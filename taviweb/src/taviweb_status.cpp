@@ -127,7 +127,7 @@ std::string taviweb_status_document(const taviweb_round_t& round, double interva
 taviweb_status_t::taviweb_status_t(taviweb_tavid_t* tavid, double interval_s, now_fn now)
     : tavid_(tavid), interval_s_(interval_s), now_(now) {}
 
-void taviweb_status_t::get(ready_fn ready) {
+void taviweb_status_t::get(const ready_fn& ready) {
   std::shared_ptr<const taviweb_round_t> fresh;
   bool start = false;
   {
@@ -136,7 +136,7 @@ void taviweb_status_t::get(ready_fn ready) {
     if (latest_ && age.count() < interval_s_) {
       fresh = latest_;
     } else {
-      waiters_.push_back(std::move(ready));
+      waiters_.push_back(ready);
       start = !in_flight_;
       in_flight_ = true;
     }
@@ -145,8 +145,12 @@ void taviweb_status_t::get(ready_fn ready) {
   if (start) tavid_->push([this](const taviweb_link_t& link) { run_round(link); });
 }
 
-bool taviweb_status_t::read_object(const taviweb_link_t& link, const char* object, taviweb_round_t* round,
-                                   taviweb_read_t* read) {
+namespace {
+
+/* One get of every instance of the object, read into the round; false (the round is over, tavid
+ * not up) when tavid did not answer or its reply is no JSON object. */
+bool taviweb_status_read_object(const taviweb_link_t& link, const char* object, taviweb_round_t* round,
+                                taviweb_read_t* read) {
   std::string reply;
   tavid_client_failure_t failure = link.exchange(taviweb_status_request(object), &reply);
   if (failure.err != TAVID_CLIENT_OK) {
@@ -159,14 +163,16 @@ bool taviweb_status_t::read_object(const taviweb_link_t& link, const char* objec
   return false;
 }
 
+}  // namespace
+
 /* The output status object that answered last comes first; when it answers an error (the mode
  * changed), the other one. */
 bool taviweb_status_t::read_outputs(const taviweb_link_t& link, taviweb_round_t* round) {
   taviweb_read_t read = TAVIWEB_READ_OK;
-  if (!read_object(link, taviweb_status_outputs[output_first_], round, &read)) return false;
+  if (!taviweb_status_read_object(link, taviweb_status_outputs[output_first_], round, &read)) return false;
   if (read != TAVIWEB_READ_ERROR_REPLY) return true;
   size_t other = 1 - output_first_;
-  if (!read_object(link, taviweb_status_outputs[other], round, &read)) return false;
+  if (!taviweb_status_read_object(link, taviweb_status_outputs[other], round, &read)) return false;
   if (read == TAVIWEB_READ_OK) output_first_ = other;
   return true;
 }
@@ -175,8 +181,9 @@ void taviweb_status_t::run_round(const taviweb_link_t& link) {
   auto round = std::make_shared<taviweb_round_t>();
   round->started = now_();
   taviweb_read_t read = TAVIWEB_READ_OK;
-  round->up = read_object(link, "device_status", round.get(), &read) &&
-              read_object(link, "input_hdmi_status", round.get(), &read) && read_outputs(link, round.get());
+  round->up = taviweb_status_read_object(link, "device_status", round.get(), &read) &&
+              taviweb_status_read_object(link, "input_hdmi_status", round.get(), &read) &&
+              read_outputs(link, round.get());
   std::vector<ready_fn> waiters;
   {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -71,15 +71,13 @@ class taviweb_status_t {
 
   /* Calls `ready` with a round that started less than the interval ago: at once (in this thread)
    * when the cached one did, else from tavid's queue when the round it waits for is complete. */
-  void get(ready_fn ready);
+  void get(const ready_fn& ready);
   double interval_s() const { return interval_s_; }
   clock::time_point now() const { return now_(); }
 
  private:
   void run_round(const taviweb_link_t& link);
   bool read_outputs(const taviweb_link_t& link, taviweb_round_t* round);
-  bool read_object(const taviweb_link_t& link, const char* object, taviweb_round_t* round,
-                   taviweb_read_t* read);
 
   taviweb_tavid_t* tavid_;
   double interval_s_;

@@ -25,9 +25,8 @@ std::string taviweb_link_t::describe(tavid_client_failure_t failure) const {
   return tavid_client_describe(client_, failure);
 }
 
-taviweb_tavid_t::taviweb_tavid_t(const tavid_client_t& client, taviweb_stats_t* stats,
-                                 taviweb_exchange_fn exchange)
-    : client_(client), stats_(stats), exchange_(exchange) {
+taviweb_tavid_t::taviweb_tavid_t(tavid_client_t client, taviweb_stats_t* stats, taviweb_exchange_fn exchange)
+    : client_(std::move(client)), stats_(stats), exchange_(exchange) {
   /* Once written, the descriptor stays readable: every later wait of the client gives up. */
   cancel_fd_ = eventfd(0, EFD_CLOEXEC);
   if (cancel_fd_ < 0) perror(TAVIWEB_TAVID_PROG ": no descriptor to give up exchanges with");

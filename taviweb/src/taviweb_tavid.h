@@ -39,7 +39,7 @@ class taviweb_tavid_t {
  public:
   using job_t = std::function<void(const taviweb_link_t& link)>;
 
-  taviweb_tavid_t(const tavid_client_t& client, taviweb_stats_t* stats,
+  taviweb_tavid_t(tavid_client_t client, taviweb_stats_t* stats,
                   taviweb_exchange_fn exchange = tavid_client_exchange);
   taviweb_tavid_t(const taviweb_tavid_t&) = delete;
   taviweb_tavid_t& operator=(const taviweb_tavid_t&) = delete;

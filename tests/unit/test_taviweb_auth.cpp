@@ -25,7 +25,7 @@ class users_file_t {
   }
   users_file_t(const users_file_t&) = delete;
   users_file_t& operator=(const users_file_t&) = delete;
-  ~users_file_t() { remove(path_.c_str()); }
+  ~users_file_t() { (void)remove(path_.c_str()); }
   const char* path() const { return path_.c_str(); }
 
  private:

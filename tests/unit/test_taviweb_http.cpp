@@ -104,7 +104,7 @@ class TaviwebHttp : public testing::Test {
     port_ = ntohs(addr->sin_port);
     ASSERT_TRUE(http_.start(fd, &error)) << error;
   }
-  std::string exchange(const std::string& request) {
+  std::string exchange(const std::string& request) const {
     int fd = connect_to(port_);
     send_text(fd, request);
     return read_until_closed(fd);

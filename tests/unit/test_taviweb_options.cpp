@@ -13,6 +13,7 @@ namespace {
 bool parse(std::vector<std::string> words, taviweb_options_t* options, std::string* error) {
   words.insert(words.begin(), "taviweb");
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
   return taviweb_parse_options(static_cast<int>(words.size()), argv.data(), options, error);

@@ -7,7 +7,8 @@
 namespace {
 
 TEST(TaviwebStats, BucketsCountEveryAnswerAtMostTheirBound) {
-  EXPECT_EQ(taviweb_stats_tavid_bounds, (std::vector<double>{0.06, 0.08, 0.1, 0.25, 0.5, 1, 2.5, 5, 10, 30}));
+  EXPECT_EQ(std::vector<double>(taviweb_stats_tavid_bounds.begin(), taviweb_stats_tavid_bounds.end()),
+            (std::vector<double>{0.06, 0.08, 0.1, 0.25, 0.5, 1, 2.5, 5, 10, 30}));
   taviweb_stats_t stats;
   stats.count_tavid_answer(0.055);
   stats.count_tavid_answer(0.08);

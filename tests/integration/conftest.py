@@ -98,6 +98,19 @@ def tcp_accept_queue(port: int) -> int:
     return sum(int(fields[4].split(":")[1], 16) for fields in _listening_rows(port))
 
 
+def wait_until_listening(program, name: str, timeout: float):
+    """Waits until a started program (its port, process, running() and stderr()) listens."""
+    deadline = time.monotonic() + timeout
+    while not tcp_listening(program.port):
+        if not program.running():
+            raise AssertionError(f"{name} ended (status {program.process.returncode}) before "
+                                 f"listening on {program.port}; stderr: {program.stderr()!r}")
+        if time.monotonic() > deadline:
+            raise AssertionError(f"{name} not listening on {program.port} after {timeout} s")
+        time.sleep(0.01)
+    return program
+
+
 # ---------------------------------------------------------------------------------------------
 # A running daemon
 
@@ -128,15 +141,7 @@ class Daemon:
         return self.process is not None and self.process.poll() is None
 
     def wait_listening(self, timeout: float = START_WAIT):
-        deadline = time.monotonic() + timeout
-        while not tcp_listening(self.port):
-            if not self.running():
-                raise AssertionError(f"tavid ended (status {self.process.returncode}) before "
-                                     f"listening on {self.port}; stderr: {self.stderr()!r}")
-            if time.monotonic() > deadline:
-                raise AssertionError(f"tavid not listening on {self.port} after {timeout} s")
-            time.sleep(0.01)
-        return self
+        return wait_until_listening(self, "tavid", timeout)
 
     def send_signal(self, sig: int):
         self.process.send_signal(sig)
@@ -602,12 +607,7 @@ class Taviweb:
         return self.process is not None and self.process.poll() is None
 
     def wait_listening(self, timeout: float = START_WAIT):
-        deadline = time.monotonic() + timeout
-        while not tcp_listening(self.port):
-            assert self.running(), f"taviweb ended ({self.process.returncode}): {self.stderr()!r}"
-            assert time.monotonic() < deadline, f"taviweb not listening on {self.port} after {timeout} s"
-            time.sleep(0.01)
-        return self
+        return wait_until_listening(self, "taviweb", timeout)
 
     def stop(self, sig: int = signal.SIGTERM, timeout: float = STOP_WAIT) -> int:
         self.process.send_signal(sig)

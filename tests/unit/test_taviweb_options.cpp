@@ -43,15 +43,19 @@ std::string address_of(const taviweb_listen_t& listen) {
   return text;
 }
 
+void expect_listen(const taviweb_listen_t& listen, int family, const char* address, uint16_t port) {
+  EXPECT_EQ(listen.addr.ss_family, family);
+  EXPECT_EQ(listen.length, family == AF_INET6 ? sizeof(struct sockaddr_in6) : sizeof(struct sockaddr_in));
+  EXPECT_EQ(address_of(listen), address);
+  EXPECT_EQ(port_of(listen), port);
+}
+
 TEST(TaviwebOptions, DefaultsServeLoopbackPort8080ForTheDaemonHere) {
   taviweb_options_t options;
   std::string error;
   ASSERT_TRUE(parse({}, &options, &error)) << error;
   EXPECT_EQ(options.listen.text, "127.0.0.1:8080");
-  EXPECT_EQ(options.listen.addr.ss_family, AF_INET);
-  EXPECT_EQ(options.listen.length, sizeof(struct sockaddr_in));
-  EXPECT_EQ(address_of(options.listen), "127.0.0.1");
-  EXPECT_EQ(port_of(options.listen), 8080);
+  expect_listen(options.listen, AF_INET, "127.0.0.1", 8080);
   EXPECT_EQ(options.tavid.host, "127.0.0.1");
   EXPECT_EQ(options.tavid.port, "49999");
   EXPECT_EQ(options.tavid.timeout_s, 35.0);
@@ -68,8 +72,7 @@ TEST(TaviwebOptions, EveryOptionShortAndLong) {
                      "-v"},
                     &options, &error))
       << error;
-  EXPECT_EQ(address_of(options.listen), "0.0.0.0");
-  EXPECT_EQ(port_of(options.listen), 80);
+  expect_listen(options.listen, AF_INET, "0.0.0.0", 80);
   EXPECT_EQ(options.tavid.host, "box7");
   EXPECT_EQ(options.tavid.port, "50000");
   EXPECT_EQ(options.interval_s, 0.5);
@@ -82,10 +85,7 @@ TEST(TaviwebOptions, EveryOptionShortAndLong) {
                      "3600", "--verbose", "--help"},
                     &longer, &error))
       << error;
-  EXPECT_EQ(longer.listen.addr.ss_family, AF_INET6);
-  EXPECT_EQ(longer.listen.length, sizeof(struct sockaddr_in6));
-  EXPECT_EQ(address_of(longer.listen), "::1");
-  EXPECT_EQ(port_of(longer.listen), 8443);
+  expect_listen(longer.listen, AF_INET6, "::1", 8443);
   EXPECT_EQ(longer.listen.text, "[::1]:8443");
   EXPECT_EQ(longer.tavid.host, "box8");
   EXPECT_EQ(longer.tavid.port, "1");

@@ -307,7 +307,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   fuzz::make_box_root();
   bus = new ScriptedBus;
   const std::string path = fuzz::root_path("/dev/i2c-0");
-  bus->start(path);
+  if (!bus->start(path)) fuzz::die("could not serve the bus");
   if (i2c_init(&i2c, "i2c_0", path.c_str()) != I2C_OK) fuzz::die("could not open the bus");
   mod_tarn_init(&mod, "mod_tarn_0", MODULE_ADDR, &i2c);
   return 0;

@@ -1,6 +1,6 @@
 /* What the fuzzing harnesses share: a temporary box root whose scripts are harmless stand-ins, a
  * simulated I2C bus served by its own thread, the four encoder/modulator modules answering on it
- * with plausible factory values, and the RF box built on them. Header only; each harness includes
+ * with plausible factory values, and the box of each output mode built on them. Header only; each harness includes
  * it once. */
 #ifndef FUZZ_SUPPORT_H
 #define FUZZ_SUPPORT_H
@@ -18,6 +18,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -32,6 +33,7 @@
 #include "cmd_json.h"
 #include "hal.h"
 #include "hal_ts.h"
+#include "module_bus.h"
 
 /* The box root is a temporary directory: flushing every disk of the machine after each stored
  * setting would only make every run wait for the other work on it. */
@@ -39,8 +41,6 @@
 extern "C" void sync(void) noexcept {}
 
 namespace fuzz {
-
-typedef std::vector<uint8_t> bytes_t;
 
 /* The harness cannot go on: told where the sanitizers report, which stays open when the fuzzer
  * closes the harness's own stderr. */
@@ -201,280 +201,13 @@ class Run {
   struct sigaction saved_usr1_;
 };
 
-/* ---- the simulated bus ---- */
+/* ---- the simulated bus and its modules ---- */
 
-/* The bus socket, served by its own thread for as long as the harness runs: one connection per
- * bus transaction, transfers as 'W' addr len(2) bytes / 'R' addr len(2), each answered with what the
- * slaves make of it. */
-class SimBus {
- public:
-  SimBus() = default;
-  SimBus(const SimBus&) = delete;
-  SimBus& operator=(const SimBus&) = delete;
-  virtual ~SimBus() = default;
+using simbus::bytes_t;
+using simbus::ModuleBus;
+using simbus::SimBus;
 
-  void start(const std::string& path) {
-    const int listen_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_un addr;
-    memset(&addr, 0, sizeof(addr));
-    addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
-    if (listen_fd < 0 || bind(listen_fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) != 0 ||
-        listen(listen_fd, 4) != 0) {
-      die(("could not serve the bus at " + path).c_str());
-    }
-    std::thread(&SimBus::run, this, listen_fd).detach();
-    // cppcheck-suppress resourceLeak ; the bus thread serves the socket until the harness exits
-  }
-
- protected:
-  /* The bytes the bus sends back for one transfer; with hang_up set it then drops the connection. */
-  struct answer_t {
-    bytes_t bytes;
-    bool hang_up;
-  };
-
-  static answer_t nack() { return {{0x01}, false}; }
-
-  /* Called on the bus thread while the harness waits for the transaction. */
-  virtual answer_t on_write(uint8_t addr, const bytes_t& data) = 0;
-  virtual answer_t on_read(uint8_t addr, size_t len) = 0;
-
- private:
-  static bool recv_exact(int fd, uint8_t* data, size_t size) {
-    while (size > 0) {
-      const ssize_t got = recv(fd, data, size, 0);
-      if (got < 0 && errno == EINTR) continue;
-      if (got <= 0) return false;
-      data += got;
-      size -= static_cast<size_t>(got);
-    }
-    return true;
-  }
-
-  static void send_all(int fd, const bytes_t& bytes) {
-    for (size_t sent = 0; sent < bytes.size();) {
-      const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) return;
-      sent += static_cast<size_t>(n);
-    }
-  }
-
-  void run(int listen_fd) {
-    for (;;) {
-      const int conn = accept(listen_fd, NULL, NULL);
-      if (conn < 0) continue;
-      while (serve(conn)) {
-      }
-      close(conn);
-    }
-  }
-
-  bool serve(int conn) {
-    uint8_t header[4];
-    if (!recv_exact(conn, header, sizeof(header))) return false;
-    const size_t len = static_cast<size_t>(header[2]) << 8 | header[3];
-    answer_t answer;
-    if (header[0] == 'W') {
-      bytes_t data(len);
-      if (!recv_exact(conn, data.data(), len)) return false;
-      answer = on_write(header[1], data);
-    } else if (header[0] == 'R') {
-      answer = on_read(header[1], len);
-    } else {
-      return false;
-    }
-    send_all(conn, answer.bytes);
-    return !answer.hang_up;
-  }
-};
-
-/* ---- the modules ---- */
-
-inline bytes_t be16(uint16_t value) {
-  return {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
-}
-inline bytes_t be32(uint32_t value) {
-  return {static_cast<uint8_t>(value >> 24), static_cast<uint8_t>(value >> 16),
-          static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
-}
-inline bytes_t text_bytes(const std::string& text) { return {text.begin(), text.end()}; }
-
-inline bytes_t reply_frame(uint8_t code, uint8_t error_byte, const bytes_t& payload = {}) {
-  bytes_t frame{'#', code, error_byte, static_cast<uint8_t>(payload.size())};
-  frame.insert(frame.end(), payload.begin(), payload.end());
-  frame.push_back('\r');
-  return frame;
-}
-
-/* One encoder/modulator module: what each get answers, keyed by get code and slot (-1 without). Set
- * commands stage their payload as the value of the matching get; a code it does not know is
- * answered with error byte 2. */
-class Module {
- public:
-  static constexpr uint8_t FIRST_ADDR = 0x30;
-  static constexpr int COUNT = 4;
-  static constexpr int SLOTS = 3;
-
-  explicit Module(int index) : index_(index) { factory_reset(); }
-
-  /* The module on board place `index` leaves the factory with its own service, PIDs and
-   * frequency, so that the four share one multiplex. */
-  void factory_reset() {
-    const uint16_t pmt_pid = static_cast<uint16_t>(0x100 * (index_ + 1));
-    const uint16_t number = static_cast<uint16_t>(index_ + 1);
-    values_.clear();
-    const std::map<uint8_t, bytes_t> plain = {
-        {0xFF, {0x00, 0x00, 'A', 1, 2, 3}},
-        {0xFE, {1, 0x04, 0x38, 'p', 50, 0x4D, 0xC1, 0}},
-        {0x81, {1}},
-        {0x82, {5}},
-        {0x83, be32(474000 + 8000 * static_cast<uint32_t>(index_))},
-        {0x84, {8}},
-        {0x85, be16(6900)},
-        {0x86, {6}},
-        {0x87, {0}},
-        {0x88, {1}},
-        {0x89, {1}},
-        {0x8A, {0}},
-        {0x8B, {0}},
-        {0x8C, {0}},
-        {0x8D, {0}},
-        {0x8E, be16(8000)},
-        {0x8F, {25}},
-        {0x90, {0}},
-        {0x91, be16(192)},
-        {0x92, be16(number)},
-        {0x93, be16(1)},
-        {0x94, be16(1)},
-        {0x95, be16(1)},
-        {0x96, be32(0x28)},
-        {0x97, be16(number)},
-        {0x98, text_bytes("HDMI " + std::to_string(number))},
-        {0x99, text_bytes("tavi")},
-        {0x9A, {0}},
-        {0x9B, be16(pmt_pid)},
-        {0x9C, be16(static_cast<uint16_t>(pmt_pid + 1))},
-        {0x9D, be16(static_cast<uint16_t>(pmt_pid + 2))},
-        {0xE0, {0}},
-        {0xE1, {0, 0}},
-        {0xEA, {1}},
-    };
-    for (const auto& entry : plain) values_[{entry.first, -1}] = entry.second;
-    const std::map<uint8_t, bytes_t> slot_values = {{0xE2, {0}},     {0xE3, be16(0)}, {0xE4, be16(0)},
-                                                    {0xE5, {}},      {0xE6, be16(0)}, {0xE7, be16(0)},
-                                                    {0xE8, be16(0)}, {0xE9, {0}}};
-    for (int slot = 0; slot < SLOTS; slot++) {
-      for (const auto& entry : slot_values) values_[{entry.first, slot}] = entry.second;
-    }
-  }
-
-  /* One command frame; the reply waits for the read that follows. */
-  void execute(const bytes_t& frame) { reply_ = reply_to(frame); }
-
-  /* The reply frame, padded with 0x00 up to the length read, as the module puts it on the bus. */
-  bytes_t reply(size_t len) const {
-    bytes_t padded = reply_;
-    padded.resize(len, 0x00);
-    return padded;
-  }
-
- private:
-  struct key_t {
-    uint8_t code;
-    int slot;
-    bool operator<(const key_t& other) const {
-      return code != other.code ? code < other.code : slot < other.slot;
-    }
-  };
-
-  /* The extra services and the debug codes are kept per slot (or code): the first payload byte. */
-  static bool slotted(uint8_t code) {
-    const uint8_t set_code = code & 0x7F;
-    return (set_code >= 0x62 && set_code <= 0x69) || set_code == 0x6B;
-  }
-
-  static bool is_action(uint8_t code) { return code == 0x00 || (code >= 0x70 && code <= 0x72); }
-
-  bytes_t reply_to(const bytes_t& frame) {
-    if (frame.size() < 4 || frame[0] != '#' || 3u + frame[2] >= frame.size()) return reply_frame(0, 1);
-    const uint8_t code = frame[1];
-    bytes_t payload(frame.begin() + 3, frame.begin() + 3 + frame[2]);
-    int slot = -1;
-    if (slotted(code) && !payload.empty()) {
-      slot = payload[0];
-      payload.erase(payload.begin());
-    }
-    if (slotted(code) && (code & 0x7F) != 0x6B && (slot < 0 || slot >= SLOTS)) return reply_frame(code, 4);
-    if (code == 0x72) factory_reset();
-    if (is_action(code)) return reply_frame(code, 0);
-    if (code == 0xEB) return reply_frame(code, 0, lookup({code, slot}, bytes_t{0}));
-    if (code & 0x80) {
-      auto found = values_.find({code, slot});
-      return found == values_.end() ? reply_frame(code, 2) : reply_frame(code, 0, found->second);
-    }
-    const key_t get_key = {static_cast<uint8_t>(code | 0x80), slot};
-    if (code != 0x6B && values_.count(get_key) == 0) return reply_frame(code, 2);
-    if (code == 0x61 && !payload.empty())
-      payload.erase(payload.begin()); /* the enable flag is not read back */
-    values_[get_key] = payload;
-    return reply_frame(code, 0);
-  }
-
-  bytes_t lookup(const key_t& key, const bytes_t& otherwise) const {
-    auto found = values_.find(key);
-    return found == values_.end() ? otherwise : found->second;
-  }
-
-  const int index_;
-  std::map<key_t, bytes_t> values_;
-  bytes_t reply_;
-};
-
-/* The four modules at 0x30 to 0x33 on one bus; every other address is absent. A module is never
- * busy: it acknowledges the wait byte at once. */
-class ModuleBus : public SimBus {
- public:
-  ModuleBus() {
-    for (int n = 0; n < Module::COUNT; n++) modules_.emplace_back(n);
-  }
-
-  void factory_reset() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (Module& module : modules_) module.factory_reset();
-  }
-
- protected:
-  answer_t on_write(uint8_t addr, const bytes_t& data) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    Module* module = at(addr);
-    if (module == NULL) return nack();
-    if (!(data.size() == 1 && data[0] == 0x00)) module->execute(data);
-    return {{0x00}, false};
-  }
-
-  answer_t on_read(uint8_t addr, size_t len) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    Module* module = at(addr);
-    if (module == NULL) return nack();
-    answer_t answer = {{0x00}, false};
-    const bytes_t reply = module->reply(len);
-    answer.bytes.insert(answer.bytes.end(), reply.begin(), reply.end());
-    return answer;
-  }
-
- private:
-  Module* at(uint8_t addr) {
-    const int n = addr - Module::FIRST_ADDR;
-    return n >= 0 && n < Module::COUNT ? &modules_[static_cast<size_t>(n)] : NULL;
-  }
-
-  std::mutex mutex_;
-  std::vector<Module> modules_;
-};
-
-/* ---- the RF box ---- */
+/* ---- the box of each output mode ---- */
 
 inline ModuleBus& module_bus(void) {
   /* Never destroyed: its thread serves until the harness exits. */
@@ -482,32 +215,74 @@ inline ModuleBus& module_bus(void) {
   return *bus;
 }
 
-/* The settings file the RF box stores at the factory. */
-inline std::string& factory_settings(void) {
-  static std::string text;
-  return text;
+/* The output modes, in the order of the byte that picks one (modulo their count). */
+struct box_mode_t {
+  const char* name; /* as -m and the default settings files name it */
+  hal_err_t (*init)(void);
+};
+constexpr box_mode_t BOX_MODES[] = {{"rf", hal_init_rf}, {"ip_spts", hal_init_ip_spts}, {"ip_mpts", hal_init_ip_mpts}};
+constexpr size_t BOX_MODE_COUNT = sizeof(BOX_MODES) / sizeof(BOX_MODES[0]);
+
+inline size_t box_mode_of(uint8_t byte) { return byte % BOX_MODE_COUNT; }
+
+/* The settings file each box stores at the factory. */
+inline std::string& factory_settings(size_t mode) {
+  static std::string text[BOX_MODE_COUNT];
+  return text[mode];
 }
 
-/* The RF box as the daemon has it after its first poll cycle, built afresh on factory-fresh
- * modules with the tags counted from zero, and its factory settings file: every run that starts
- * from here starts from the same state. */
-inline void build_rf_box(void) {
+/* Every child the daemon started, the streaming program's included, must have been reaped by the
+ * time its objects are gone. */
+inline void check_no_child_left(void) {
+  int status;
+  const pid_t child = waitpid(-1, &status, WNOHANG);
+  if (child >= 0) fail("a child of the daemon outlived the box that started it");
+}
+
+/* The box of one output mode as the daemon has it after its first poll cycle, built afresh on
+ * factory-fresh modules with the tags counted from zero, and its factory settings file: every run
+ * that starts from here starts from the same state. */
+inline void build_box(size_t mode) {
   hal_cleanup();
+  check_no_child_left();
   module_bus().factory_reset();
   hal_ts_tag = hal_service_tag = hal_stream_tag = 0;
-  if (hal_init_rf() != HAL_OK) die("could not build the RF box");
+  if (BOX_MODES[mode].init() != HAL_OK) die("could not build the box");
   hal_poll();
-  write_file(TAVID_CMD_SETTINGS_FILE, factory_settings());
+  write_file(TAVID_CMD_SETTINGS_FILE, factory_settings(mode));
 }
 
-/* The box root, the module bus in it and the RF box, with its factory settings file. */
-inline void start_rf_box(void) {
+/* The box root, the module bus in it and the factory settings file of every mode, stored by its
+ * box and kept as that mode's default settings; the box of the first mode stays built. The boxes
+ * are taken down when the harness exits, so that no streaming program outlives it. */
+inline void start_boxes(void) {
   make_box_root();
-  module_bus().start(root_path("/dev/i2c-0"));
-  build_rf_box();
-  if (cmd_store_settings(NULL, NULL) != CMD_JSON_OK) die("could not store the factory settings");
-  factory_settings() = read_file(TAVID_CMD_SETTINGS_FILE);
-  write_file("/opt/bin/default_settings_rf.conf", factory_settings());
+  if (!module_bus().start(root_path("/dev/i2c-0"))) die("could not serve the bus");
+  for (size_t mode = BOX_MODE_COUNT; mode-- > 0;) {
+    build_box(mode);
+    if (cmd_store_settings(NULL, NULL) != CMD_JSON_OK) die("could not store the factory settings");
+    factory_settings(mode) = read_file(TAVID_CMD_SETTINGS_FILE);
+    write_file(std::string("/opt/bin/default_settings_") + BOX_MODES[mode].name + ".conf", factory_settings(mode));
+  }
+  if (atexit(hal_cleanup) != 0) die("could not arrange the boxes' removal");
+}
+
+/* Which box the last run left, and whether it may have changed it. */
+struct box_state_t {
+  size_t mode;
+  bool changed;
+};
+
+inline box_state_t& box_state(void) {
+  static box_state_t state = {0, false};
+  return state;
+}
+
+/* Readies the box of `mode` for a run: built anew unless the last run left that box unchanged. */
+inline void box_for_run(size_t mode) {
+  box_state_t& state = box_state();
+  if (state.changed || state.mode != mode) build_box(mode);
+  state = {mode, false};
 }
 
 /* Whether a text reaches a set or execute handler: only those change the box, so that after

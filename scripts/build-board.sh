@@ -1,16 +1,19 @@
 #!/bin/sh
-# Board build: cross-compile tavid for the box (32-bit ARM Linux, glibc, hard-float), run the
-# tests under qemu-arm and check the daemon binary.
+# Board build: cross-compile tavid and taviweb for the box (32-bit ARM Linux, glibc, hard-float),
+# run the tests under qemu-arm and check both binaries.
 #
-#   scripts/build-board.sh               box paths (TAVID_HOST_ROOT=OFF) into build-board/;
-#                                        runs the unit tests
-#   scripts/build-board.sh --host-root   ARM binary that takes its paths from TAVID_ROOT
+#   scripts/build-board.sh               box paths (TAVID_HOST_ROOT=OFF) into build-board/; builds
+#                                        the daemon, tavictl, taviweb and the tests of the box paths, and
+#                                        runs those tests: the rest of the code is the same in
+#                                        both builds and is tested by the build below
+#   scripts/build-board.sh --host-root   ARM binaries that take their paths from TAVID_ROOT
 #                                        (TAVID_HOST_ROOT=ON) into build-board-hostroot/; builds
-#                                        the daemon, tavictl and taviweb only and runs the integration
+#                                        everything and runs every unit test and the integration
 #                                        suite, with the daemon started through qemu-arm
-#                                        (TAVID_LAUNCHER); the unit tests are the board build's
+#                                        (TAVID_LAUNCHER)
 #
-# Options: --no-tests (build and check only), -j N (parallel build jobs).
+# Options: --no-tests (build and check only), --unit or --integration (with --host-root: only
+# that part of the tests), -j N (parallel build jobs). The test summary names every skipped test.
 # Environment: TAVID_SYSROOT (armhf sysroot, default sysroot-armhf in the repository root),
 # CTEST_PARALLEL_LEVEL (ctest's own).
 # Release with -Os; libstdc++ and libgcc are linked statically, so the daemon needs only
@@ -20,13 +23,16 @@ set -eu
 repo=$(cd "$(dirname "$0")/.." && pwd)
 host_root=OFF
 run_tests=1
+suites="unit integration"
 jobs=$(nproc 2>/dev/null || echo 2)
 
-usage() { sed -n '2,18s/^# \{0,1\}//p' "$0"; }
+usage() { sed -n '2,21s/^# \{0,1\}//p' "$0"; }
 while [ $# -gt 0 ]; do
     case "$1" in
         --host-root) host_root=ON ;;
         --no-tests) run_tests=0 ;;
+        --unit) suites=unit ;;
+        --integration) suites=integration ;;
         -j) [ $# -ge 2 ] || { usage >&2; exit 2; }; jobs=$2; shift ;;
         -j*) jobs=${1#-j} ;;
         -h|--help) usage; exit 0 ;;
@@ -95,22 +101,31 @@ if [ "$host_root" = ON ]; then
     log "TAVID_LAUNCHER=$qemu_command"
 fi
 
+# With the box's own paths only the box-path tests differ from the host-root build's.
 if [ "$host_root" = ON ]; then
-    targets="--target tavid tavictl taviweb"
-    tests='^integration$'
-else
     targets=
-    tests=.
+else
+    targets="--target tavid tavictl taviweb test_boxroot"
+    suites=box-paths
 fi
 log "building with $jobs jobs"
 # shellcheck disable=SC2086 # one word per target
 cmake --build "$build" -j "$jobs" $targets
 
+# The unit tests run side by side; the integration suite alone, its daemons slowed by qemu-arm.
 if [ "$run_tests" = 1 ]; then
-    log "running the tests under qemu-arm"
-    if ! (cd "$build" && ctest --output-on-failure -R "$tests"); then
-        fail "ctest reported failures (see above)"
-    fi
+    for suite in $suites; do
+        case "$suite" in
+            unit) selection="-j $jobs -E ^integration$" ;;
+            integration) selection="-R ^integration$" ;;
+            box-paths) selection="-j $jobs -R ^Boxroot" ;;
+        esac
+        log "running the $suite tests under qemu-arm"
+        # shellcheck disable=SC2086 # options and their patterns are separate words
+        if ! "$repo/scripts/ctest.sh" "$build" $selection; then
+            fail "ctest reported failures in the $suite tests (see above)"
+        fi
+    done
 fi
 
 # The shared libraries each program may need on the box, besides glibc: the daemon needs Jansson

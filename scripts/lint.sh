@@ -1,7 +1,8 @@
 #!/bin/sh
 # Static analysis: clang-tidy and cppcheck over the daemon and its libraries (src/, lnklist/, i2c/,
-# gpio/, it9300/), the clients (client/, tavictl/, taviweb/), the unit tests (tests/unit/) and the
-# fuzzing harnesses (fuzz/). Fails on any finding. The checks are the checked-in configuration:
+# gpio/, it9300/), the clients (client/, tavictl/, taviweb/), the unit tests (tests/unit/), the
+# fuzzing harnesses (fuzz/) and the soak's heap probe (scripts/soak_heap.c, which the soak builds
+# itself, outside CMake). Fails on any finding. The checks are the checked-in configuration:
 # .clang-tidy (tests/unit/.clang-tidy, fuzz/.clang-tidy and taviweb/.clang-tidy adjust it there)
 # and .cppcheck-suppressions with the cppcheck options below.
 #   scripts/lint.sh [build-dir]
@@ -34,8 +35,13 @@ printf '%s\n' "$files" | xargs -P2 -I{} sh -c '
     echo "clang-tidy: $1 has findings"
     exit 1
   fi' sh {} "$build" || tidy_status=$?
+if ! out=$(clang-tidy --quiet scripts/soak_heap.c -- -std=c11 -D_GNU_SOURCE 2>&1); then
+  printf '%s\n' "$out" | grep -v -E "^[0-9]+ (warnings?|errors?)( and [0-9]+ errors?)? generated\.$"
+  echo "clang-tidy: scripts/soak_heap.c has findings"
+  tidy_status=1
+fi
 tidy_done=$(date +%s)
-echo "clang-tidy: $(printf '%s\n' "$files" | wc -l) files in $((tidy_done - started)) s"
+echo "clang-tidy: $(($(printf '%s\n' "$files" | wc -l) + 1)) files in $((tidy_done - started)) s"
 
 cppcheck_run() {
   cppcheck --std=c++17 --enable=warning,style,performance,portability --library=posix,gnu,googletest,zlib \
@@ -45,6 +51,7 @@ cppcheck_run() {
 cppcheck_status=0
 cppcheck_run --project="$build/compile_commands.json" -i/usr/src/ || cppcheck_status=1
 cppcheck_run --project="$build/fuzz-db/compile_commands.json" --file-filter='fuzz/*' || cppcheck_status=1
+cppcheck_run --std=c11 -D_GNU_SOURCE scripts/soak_heap.c || cppcheck_status=1
 echo "cppcheck: $(($(date +%s) - tidy_done)) s"
 
 if [ "$tidy_status" -ne 0 ] || [ "$cppcheck_status" -ne 0 ]; then

@@ -16,28 +16,44 @@ text. At the end of an epoch:
 
   open descriptors   the same targets, exactly (sockets and pipes by kind)
   child processes    the same programs, exactly; no zombie among them
-  resident memory    VmRSS at most --rss-tolerance-kib above the warm-up figure (see below)
+  live heap          at most --heap-tolerance bytes (4) more per request after warm-up, over
+                     at least 250 requests (fewer fail the run: it could not have told)
+  resident memory    VmRSS at most --rss-tolerance-kib (64 KiB) above the warm-up figure
   replies            each as the protocol defines it, and byte for byte what the same step
                      answered in the epoch's first cycle
 
-With --mode all the epochs go round rf, ip_spts, ip_mpts; the epochs of one mode must also
-agree with each other on descriptors and children after warm-up, which catches anything a
-restarted daemon inherits from the one before. The restarted daemons are not children of this
-program: the old daemon's init script starts them in the background. This program therefore
-makes itself the child subreaper, so that they are reparented here and reaped here.
+With --mode all the epochs go round rf, ip_spts, ip_mpts. Every daemon, in whichever mode, must
+hold the same descriptors of its own after warm-up as the first one, which this program started
+(the modes differ in their children only, which each epoch checks against its mode): this
+catches a descriptor that a daemon hands down to the next through the init script, also in the
+3-minute run's one epoch per mode. The restarted daemons are not children of this program: the
+old daemon's init script starts them in the background. This program therefore makes itself
+the child subreaper, so that they are reparented here and reaped here.
 
-Resident memory: the daemon's live heap stays flat under this mix (in RF mode 106 830 bytes
-between requests at the start and at the end of a 4-minute run under massif; IP SPTS the same
-with heaptrack; nothing lost at exit), yet glibc malloc makes its VmRSS creep for a while: freed
-chunks wait in per-size caches and bins, and the short-lived buffers of each request (the
-request text grown in 100-byte steps, the reply, the settings file's stdio buffer) land in new
-places of the arena, touching pages of it that had not been used yet, until its layout settles.
-Measured in RF mode over an hour (29 127 requests) after a one-cycle warm-up: +76 KiB, of which
-+40 KiB in the first 10 minutes and +4 KiB in the last 20. Hence the warm-up's fifth of the
-epoch (the same hour measured from minute 12: +36 KiB) and a tolerance of 64 KiB (16 pages). A
-leak shows as a steady slope instead: the tolerance catches about a byte per request in an hour
-of one mode, and only gross leaks in the 3-minute run, whose strength is the exact checks of
-descriptors, children and zombies; the VmRSS after every cycle is in the JSON figures.
+The live heap is read from the daemon itself, exactly, at quiet points: this program builds
+scripts/soak_heap.c with the machine's C compiler into the box root and preloads it into every
+daemon (LD_PRELOAD on the first daemon's command line and in the init script's, so that each
+restarted daemon has it too; the daemon is not changed for it). Its thread answers on a Unix
+socket with glibc's mallinfo2(): the bytes of chunks handed out (uordblks) and of chunks mapped
+on their own (hblkhd). The daemon runs with malloc's per-thread cache off
+(GLIBC_TUNABLES=glibc.malloc.tcache_count=0), since the chunks waiting there count as handed
+out: with it on, the figure crept by 17 to 20 bytes a request over 3 minutes as the cache
+filled with more sizes. After warm-up and after every cycle the soak waits until the poll
+cycle is idle and takes the least of three readings; the verdict is the growth from warm-up to
+the end divided by the requests in between. Measured in the 3-minute run: 0 bytes in every
+mode over 375 to 728 requests each (RF 107 440 bytes after warm-up, after every cycle and at the
+end, IP SPTS 82 688, IP MPTS 93 952; also 0 in each of 12 minutes' six daemons, 816 to 1 248
+requests each), while a leak of a 16-byte block per request measures 32 to 33.4 bytes per
+request (a 16-byte block takes a 32-byte chunk) and one of 40 bytes 48 to 49.
+
+Resident memory stays a reported figure and a coarse guard for memory outside malloc: glibc
+malloc makes VmRSS creep for a while as each request's short-lived buffers land in new places
+of the arena, until its layout settles (with the per-thread cache on, an hour in RF mode from a
+one-cycle warm-up: +76 KiB, +36 KiB from minute 12), hence 64 KiB. When the heap probe cannot be
+used (the daemon runs under TAVID_LAUNCHER, such as qemu-arm or valgrind, or is built for
+another machine or with a sanitizer, whose malloc is not glibc's), the soak says so and judges
+memory by resident memory alone, which shows gross leaks only. The VmRSS and the live heap
+after every cycle are in the JSON figures.
 
 Only 127.0.0.1 is used: the daemon's command port (a free one) and the network-settings
 service (localhost:49998, fixed by the daemon; --no-netsettings leaves the interface
@@ -45,7 +61,7 @@ configuration out of the mix when another box serves that port).
 
 Usage:
   /usr/bin/python3 scripts/soak.py --tavid build/host/src/tavid [--minutes 3]
-      [--mode all|rf|ip_spts|ip_mpts] [--epochs N] [--json FILE]
+      [--mode all|rf|ip_spts|ip_mpts] [--epochs N] [--heap-tolerance BYTES] [--json FILE]
 
 TAVID_BIN names the daemon when --tavid is not given; TAVID_LAUNCHER is put in front of it,
 as in the integration tests. Exit status: 0 when every check passed, 1 on any drift or
@@ -59,6 +75,8 @@ import os
 import re
 import shutil
 import signal
+import socket
+import subprocess
 import sys
 import tempfile
 import time
@@ -76,6 +94,11 @@ MODES = tavisim.MODES
 # Warm-up: at least this many whole cycles and this share of the epoch's time.
 WARMUP_CYCLES = 1
 WARMUP_SHARE = 0.2
+# The verdict on memory: the live heap may grow by at most this many bytes per request over
+# the requests after warm-up, of which there must be at least this many.
+HEAP_TOLERANCE = 4.0
+MIN_MEASURED_REQUESTS = 250
+# Without the heap probe, resident memory may grow by this much (the allocator's arena settling).
 RSS_TOLERANCE_KIB = 64
 DEFAULT_MINUTES = 3.0
 DEFAULT_EPOCHS_ALL = 3  # rf, ip_spts, ip_mpts: two mode changes
@@ -86,7 +109,14 @@ SETTLE_QUIET = 0.3
 SETTLE_TIMEOUT = 20.0
 RESTART_TIMEOUT = 30.0
 REPORTED_FAILURES = 20
-RSS_SAMPLES_KEPT = 60
+SAMPLES_KEPT = 60
+# The live heap at a quiet point: the least of this many readings (a poll pass may hold a buffer).
+HEAP_READINGS = 3
+PROBE_SOURCE = REPO / "scripts" / "soak_heap.c"
+PROBE_TIMEOUT = 5.0
+# Symbols of the sanitizer runtimes that replace malloc with their own.
+SANITIZER_MALLOCS = (b"__asan_init", b"__hwasan_init", b"__msan_init", b"__tsan_init",
+                     b"__lsan_init")
 
 PR_SET_CHILD_SUBREAPER = 36
 
@@ -547,12 +577,14 @@ def proc_status(pid: int) -> dict:
     return figures
 
 
-def fd_targets(pid: int) -> dict:
+def fd_targets(pid: int, hidden: int | None = None) -> dict:
     """What each open descriptor refers to; sockets, pipes and anonymous inodes by kind only,
-    since their numbers change with every connection."""
+    since their numbers change with every connection. `hidden` is the heap probe's own."""
     base = f"/proc/{pid}/fd"
     targets = {}
     for fd in os.listdir(base):
+        if int(fd) == hidden:
+            continue
         try:
             target = os.readlink(f"{base}/{fd}")
         except FileNotFoundError:
@@ -585,10 +617,10 @@ def children(pid: int) -> list:
     return sorted(found)
 
 
-def snapshot(pid: int) -> dict:
+def snapshot(pid: int, hidden_fd: int | None = None) -> dict:
     status = proc_status(pid)
     kids = children(pid)
-    targets = fd_targets(pid)
+    targets = fd_targets(pid, hidden_fd)
     return {"rss_kib": status["VmRSS"], "rss_anon_kib": status["RssAnon"],
             "hwm_kib": status["VmHWM"], "fds": len(targets),
             "fd_targets": sorted(targets.values()),
@@ -616,6 +648,7 @@ class Instance:
         self.pid = pid
         self.popen = popen
         self.status = None
+        self.probe_fd = None  # the heap probe's listening descriptor, once it has answered
 
     def ended(self) -> bool:
         if self.status is None:
@@ -694,6 +727,21 @@ def forget_simulator_logs(box: tavisim.Box):
     os.truncate(box.path("bus.log"), 0)
 
 
+def streaming_left_running(box: tavisim.Box) -> list:
+    """Stand-ins that still run. Only a process running the box's stand-in counts: on a busy
+    machine the number of one that has ended is soon another program's."""
+    program = os.fsencode(box.path("opt/bin/qel2ip"))
+    left = []
+    for run in box.qel2ip_runs():
+        try:
+            words = Path(f"/proc/{run['pid']}/cmdline").read_bytes().split(b"\0")
+        except (FileNotFoundError, ProcessLookupError):
+            continue
+        if run["running"] and program in words:
+            left.append(run["pid"])
+    return left
+
+
 def restarted_pid(box: tavisim.Box, known: set) -> int | None:
     try:
         pids = [int(pid) for pid in Path(box.path("tavid.pid")).read_text().split()]
@@ -701,6 +749,86 @@ def restarted_pid(box: tavisim.Box, known: set) -> int | None:
         return None
     fresh = [pid for pid in pids if pid not in known]
     return fresh[-1] if fresh else None
+
+
+# ---------------------------------------------------------------------------------------------
+# The live heap, through the heap probe preloaded into each daemon
+
+
+def elf_machine(path: str) -> bytes:
+    """The ELF class, byte order and machine of an executable or library."""
+    with open(path, "rb") as elf:
+        head = elf.read(20)
+    return head[4:6] + head[18:20]
+
+
+def heap_probe_unusable(tavid: str) -> str | None:
+    """Why the heap probe cannot be preloaded into this daemon, if it cannot. The probe is built
+    for this machine and preloaded into a daemon that runs directly: under a launcher the preload
+    would reach the launcher (an emulator of another machine, a memory checker with a malloc of
+    its own), not the daemon's C library."""
+    if conftest.launcher():
+        return f"the daemon runs under TAVID_LAUNCHER ({' '.join(conftest.launcher())})"
+    if elf_machine(tavid) != elf_machine(sys.executable):
+        return "the daemon is built for another machine"
+    if any(symbol in Path(tavid).read_bytes() for symbol in SANITIZER_MALLOCS):
+        return "the daemon is built with a sanitizer, whose malloc replaces the C library's"
+    return None
+
+
+class HeapProbe:
+    """scripts/soak_heap.c, built for this machine into the box root and preloaded into every
+    daemon (the first by its command line, the restarted ones by the init script's); each
+    daemon answers on heap/<pid> in the root with its malloc's figures."""
+
+    def __init__(self, root: str, tavid: str):
+        self.library = os.path.join(root, "soak_heap.so")
+        self.directory = os.path.join(root, "heap")
+        self.exe = os.path.realpath(tavid)
+
+    def build(self):
+        compiler = [os.environ.get("CC", "cc"), "-std=c11", "-D_GNU_SOURCE", "-O2", "-Wall",
+                    "-Wextra", "-Werror", "-fPIC", "-shared", "-pthread", "-o", self.library,
+                    str(PROBE_SOURCE)]
+        done = subprocess.run(compiler, capture_output=True, text=True, check=False)
+        if done.returncode != 0:
+            raise OSError(f"{' '.join(compiler)} failed: {done.stderr.strip()}")
+        os.mkdir(self.directory)
+
+    def wrapper(self) -> list:
+        """What each daemon's command starts with. No blanks in it: the init script splits it.
+        malloc's per-thread cache is off: the chunks it holds count as handed out, and as it
+        fills with chunks of more sizes the figure creeps (by 17 to 20 bytes a request here)."""
+        return ["env", f"LD_PRELOAD={self.library}", f"SOAK_HEAP_EXE={self.exe}",
+                f"SOAK_HEAP_DIR={self.directory}", "GLIBC_TUNABLES=glibc.malloc.tcache_count=0"]
+
+    def read(self, daemon: Instance) -> dict:
+        """One answer of the daemon's probe."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as channel:
+            channel.settimeout(PROBE_TIMEOUT)
+            try:
+                channel.connect(os.path.join(self.directory, str(daemon.pid)))
+                answer = b""
+                while chunk := channel.recv(256):
+                    answer += chunk
+            except OSError as failure:
+                raise SoakError(f"the heap probe of tavid (PID {daemon.pid}) did not answer: "
+                                f"{failure}") from None
+        words = answer.decode(errors="replace").split()
+        if len(words) != 4 or not all(word.isdigit() for word in words[1:]):
+            raise SoakError(f"the heap probe of tavid (PID {daemon.pid}) answered {answer!r}")
+        if words[0] != "glibc":
+            raise SoakError(f"tavid (PID {daemon.pid}) does not use the C library's malloc: its "
+                            "live heap cannot be read")
+        in_use, mmapped, fd = map(int, words[1:])
+        return {"in_use": in_use, "mmapped": mmapped, "fd": fd}
+
+    def live(self, daemon: Instance) -> int:
+        """Bytes the daemon's malloc has handed out and not had back, at a quiet point: the
+        least of a few readings."""
+        readings = [self.read(daemon) for _ in range(HEAP_READINGS)]
+        daemon.probe_fd = readings[0]["fd"]
+        return min(reading["in_use"] + reading["mmapped"] for reading in readings)
 
 
 # ---------------------------------------------------------------------------------------------
@@ -717,7 +845,10 @@ class Epoch:
     by_kind: dict = field(default_factory=dict)
     warmup: dict = field(default_factory=dict)
     end: dict = field(default_factory=dict)
-    rss_samples_kib: list = field(default_factory=list)
+    warmup_requests: int = 0  # requests sent when the warm-up was measured
+    end_requests: int = 0  # and when the end was
+    # After every cycle past warm-up: [requests since warm-up, VmRSS KiB, live heap bytes]
+    samples: list = field(default_factory=list)
     failures: list = field(default_factory=list)
     duration_s: float = 0.0
 
@@ -726,12 +857,22 @@ class Epoch:
         if len(self.failures) < REPORTED_FAILURES:
             self.failures.append(what)
 
+    def measured_requests(self) -> int:
+        """Requests between the measurement after warm-up and the one at the end."""
+        return self.end_requests - self.warmup_requests
+
+    def heap_growth_per_request(self) -> float | None:
+        if "heap" not in self.end or not self.measured_requests():
+            return None
+        return (self.end["heap"] - self.warmup["heap"]) / self.measured_requests()
+
 
 class Runner:
-    def __init__(self, box: tavisim.Box, port: int, netsettings: bool):
+    def __init__(self, box: tavisim.Box, port: int, netsettings: bool, heap: HeapProbe | None):
         self.box = box
         self.port = port
         self.netsettings = netsettings
+        self.heap = heap
 
     def send(self, epoch: Epoch, step: Step) -> bytes:
         """The reply. A daemon that does not answer ends the soak: waiting on would only add
@@ -761,11 +902,23 @@ class Runner:
         epoch.cycles += 1
         forget_simulator_logs(self.box)
 
+    def live_heap(self, daemon: Instance) -> dict:
+        """At a quiet point (settled): the probe's connections are closed before a snapshot."""
+        return {"heap": self.heap.live(daemon)} if self.heap else {}
+
     def measure(self, daemon: Instance) -> dict:
         if daemon.ended():
             raise SoakError(f"tavid (PID {daemon.pid}) ended with status {daemon.status}")
         settle(self.box, daemon)
-        return {**snapshot(daemon.pid), "settings": self.box.stored_settings()["text"]}
+        heap = self.live_heap(daemon)
+        return {**snapshot(daemon.pid, daemon.probe_fd), **heap,
+                "settings": self.box.stored_settings()["text"]}
+
+    def sample(self, epoch: Epoch, daemon: Instance):
+        settle(self.box, daemon)
+        heap = self.live_heap(daemon).get("heap")
+        epoch.samples.append([epoch.requests - epoch.warmup_requests,
+                              proc_status(daemon.pid)["VmRSS"], heap])
 
     def run_epoch(self, epoch: Epoch, daemon: Instance, deadline: float):
         started = time.monotonic()
@@ -777,9 +930,11 @@ class Runner:
         while epoch.cycles < WARMUP_CYCLES or time.monotonic() < warm_until:
             self.run_cycle(epoch, steps, first)
         epoch.warmup = self.measure(daemon)
+        epoch.warmup_requests = epoch.requests
         budget = epoch.requests + int((deadline - time.monotonic()) * MAX_REQUESTS_PER_SECOND)
         self.loop(epoch, daemon, steps, first, budget, deadline)
         epoch.end = self.measure(daemon)
+        epoch.end_requests = epoch.requests
         epoch.duration_s = round(time.monotonic() - started, 1)
 
     def loop(self, epoch: Epoch, daemon: Instance, steps: list, first: dict, budget: int,
@@ -791,14 +946,40 @@ class Runner:
             began = time.monotonic()
             self.run_cycle(epoch, steps, first)
             cycle_time = time.monotonic() - began
-            epoch.rss_samples_kib.append(proc_status(daemon.pid)["VmRSS"])
+            self.sample(epoch, daemon)
 
 
 # ---------------------------------------------------------------------------------------------
 # Checks of an epoch and across epochs
 
 
-def compare_epoch(epoch: Epoch, tolerance_kib: int) -> list:
+@dataclass
+class Limits:
+    heap_per_request: float  # bytes
+    rss_kib: int
+
+
+def memory_problems(epoch: Epoch, limits: Limits) -> list:
+    """The live heap's growth per request after warm-up, when the probe measured it, and the
+    resident memory's growth, a coarse guard for memory outside malloc."""
+    warm, end = epoch.warmup, epoch.end
+    measured = epoch.measured_requests()
+    if measured < MIN_MEASURED_REQUESTS:
+        return [f"only {measured} requests after warm-up, too few to judge memory by (at least "
+                f"{MIN_MEASURED_REQUESTS}: give the soak more time)"]
+    problems = []
+    per_request = epoch.heap_growth_per_request()
+    if per_request is not None and per_request > limits.heap_per_request:
+        problems.append(f"the live heap grew by {end['heap'] - warm['heap']} bytes over {measured} "
+                        f"requests after warm-up, {per_request:.1f} bytes per request (tolerance "
+                        f"{limits.heap_per_request:g}): a leak")
+    growth = end["rss_kib"] - warm["rss_kib"]
+    if growth > limits.rss_kib:
+        problems.append(f"resident memory grew by {growth} KiB (tolerance {limits.rss_kib} KiB)")
+    return problems
+
+
+def compare_epoch(epoch: Epoch, limits: Limits) -> list:
     if not epoch.warmup or not epoch.end:
         return ["the epoch did not run to its end"]
     warm, end = epoch.warmup, epoch.end
@@ -809,9 +990,7 @@ def compare_epoch(epoch: Epoch, tolerance_kib: int) -> list:
     for name, figures in (("after warm-up", warm), ("at the end", end)):
         if figures["zombies"]:
             problems.append(f"{figures['zombies']} zombie(s) {name}")
-    growth = end["rss_kib"] - warm["rss_kib"]
-    if growth > tolerance_kib:
-        problems.append(f"resident memory grew by {growth} KiB (tolerance {tolerance_kib} KiB)")
+    problems += memory_problems(epoch, limits)
     if warm["settings"] != end["settings"]:
         problems.append("the stored settings differ from those after warm-up")
     streaming = ["qel2ip"] if layout(epoch.mode)["output"] == "output_ip" else []
@@ -820,29 +999,29 @@ def compare_epoch(epoch: Epoch, tolerance_kib: int) -> list:
     return problems
 
 
-def compare_modes(epochs: list) -> list:
-    """A daemon restarted into a mode holds what the first daemon of that mode held, its
-    standard streams aside (the first writes to files of its own, the restarted to the init
-    script's log)."""
-    problems = []
-    first = {}
-    for number, epoch in enumerate(epochs):
-        if not epoch.warmup:
-            continue
-        model_number, model = first.setdefault(epoch.mode, (number, epoch))
-        for key in ("own_fd_targets", "children"):
-            if epoch.warmup[key] != model.warmup[key]:
-                problems.append(f"epoch {number} ({epoch.mode}): {key} {epoch.warmup[key]} after "
-                                f"warm-up, epoch {model_number}: {model.warmup[key]}")
-    return problems
+def compare_daemons(epochs: list) -> list:
+    """Every daemon, restarted or not and in whichever mode, holds the descriptors of its own
+    that the first one (started by this program) held after warm-up: the output modes differ in
+    their children only, which each epoch checks against its mode. The standard streams are left
+    aside (the first daemon writes to files of its own, the restarted ones to the init script's
+    log). A descriptor that a daemon hands down to the next one through the init script shows
+    here."""
+    measured = [(number, epoch) for number, epoch in enumerate(epochs) if epoch.warmup]
+    if not measured:
+        return []
+    model_number, model = measured[0]
+    return [f"epoch {number} ({epoch.mode}): descriptors {epoch.warmup['own_fd_targets']} after "
+            f"warm-up, epoch {model_number} ({model.mode}): {model.warmup['own_fd_targets']}"
+            for number, epoch in measured[1:]
+            if epoch.warmup["own_fd_targets"] != model.warmup["own_fd_targets"]]
 
 
-def epoch_problems(epochs: list, tolerance_kib: int) -> list:
+def epoch_problems(epochs: list, limits: Limits) -> list:
     problems = []
     for number, epoch in enumerate(epochs):
-        found = compare_epoch(epoch, tolerance_kib) + epoch.failures
+        found = compare_epoch(epoch, limits) + epoch.failures
         problems += [f"epoch {number} ({epoch.mode}): {problem}" for problem in found]
-    return problems + compare_modes(epochs)
+    return problems + compare_daemons(epochs)
 
 
 # ---------------------------------------------------------------------------------------------
@@ -864,8 +1043,11 @@ class Soak:
         box_mode = args.mode if args.mode != "all" else "rf"
         self.box = tavisim.Box(tempfile.mkdtemp(prefix="tv", dir="/tmp"), box_mode,
                                netsettings=self.netsettings)
+        self.heap_note = heap_probe_unusable(args.tavid)
+        self.heap = None if self.heap_note else HeapProbe(self.box.root, args.tavid)
+        self.wrapper = self.heap.wrapper() if self.heap else []
         self.port = conftest.free_port()
-        self.runner = Runner(self.box, self.port, self.netsettings)
+        self.runner = Runner(self.box, self.port, self.netsettings, self.heap)
         self.epochs = []
         self.problems = []
         self.daemon = None
@@ -873,12 +1055,22 @@ class Soak:
         self.started = time.monotonic()
         self.duration = 0.0
 
+    def prepare(self):
+        if self.heap:
+            self.heap.build()
+        else:
+            print(f"soak: NOTE the live heap is not measured: {self.heap_note}; memory is judged "
+                  f"by resident memory alone ({self.args.rss_tolerance_kib} KiB allowed), which "
+                  "shows gross leaks only", flush=True)
+        self.box.start()
+
     def start_first(self, mode: str) -> Instance:
         shutil.copy(self.box.path(f"opt/bin/default_settings_{mode}.conf"),
                     self.box.path("data/settings.conf"))
-        first = conftest.Daemon(self.box, ["-m", mode], self.port).start()
+        first = conftest.Daemon(self.box, ["-m", mode], self.port, self.wrapper).start()
         # A restart gets its "-m" from the init script, after these.
-        self.box.configure_restart(conftest.tavid_bin(), ["-c", str(self.port)], conftest.launcher())
+        self.box.configure_restart(conftest.tavid_bin(), ["-c", str(self.port)],
+                                   [*self.wrapper, *conftest.launcher()])
         return Instance(first.process.pid, first.process)
 
     def change_mode(self, epoch: Epoch, new: str) -> Instance:
@@ -920,7 +1112,7 @@ class Soak:
             self.final_status = self.daemon.stop()
             if self.final_status != 0:
                 self.problems.append(f"the last tavid ended with status {self.final_status}")
-        leftover = [run["pid"] for run in self.box.qel2ip_runs() if run["running"]]
+        leftover = streaming_left_running(self.box)
         if leftover:
             self.problems.append(f"streaming children left running: {leftover}")
         streaming_starts = len(self.box.qel2ip_runs())
@@ -933,7 +1125,8 @@ class Soak:
         return streaming_starts
 
     def summary(self, streaming_starts: int) -> dict:
-        problems = self.problems + epoch_problems(self.epochs, self.args.rss_tolerance_kib)
+        limits = Limits(self.args.heap_tolerance, self.args.rss_tolerance_kib)
+        problems = self.problems + epoch_problems(self.epochs, limits)
         last = self.epochs[-1] if self.epochs else Epoch("", 0)
         return {
             "mode": self.args.mode, "minutes": self.args.minutes,
@@ -943,6 +1136,9 @@ class Soak:
             "by_kind": merged_counts(self.epochs),
             "mode_changes": max(len(self.epochs) - 1, 0),
             "streaming_starts": streaming_starts,
+            "heap_measured": self.heap is not None, "heap_note": self.heap_note,
+            "heap_tolerance_bytes_per_request": self.args.heap_tolerance,
+            "min_measured_requests": MIN_MEASURED_REQUESTS,
             "rss_tolerance_kib": self.args.rss_tolerance_kib,
             "peak_rss_kib": max((epoch.end.get("hwm_kib", 0) for epoch in self.epochs), default=0),
             "warmup": public(last.warmup), "end": public(last.end),
@@ -953,10 +1149,19 @@ class Soak:
         }
 
 
+def heap_figures(epoch: Epoch) -> str:
+    per_request = epoch.heap_growth_per_request()
+    if per_request is None:
+        return ""
+    return (f"live heap {epoch.warmup['heap']} -> {epoch.end['heap']} bytes, "
+            f"{per_request:+.2f} bytes per request; ")
+
+
 def report_epoch(number: int, epoch: Epoch):
     warm, end = epoch.warmup, epoch.end
     print(f"soak: epoch {number} ({epoch.mode}) {epoch.requests} requests, {epoch.errors} errors, "
-          f"{epoch.cycles} cycles; RSS {warm['rss_kib']} -> {end['rss_kib']} KiB (peak "
+          f"{epoch.cycles} cycles, {epoch.measured_requests()} requests after warm-up; "
+          f"{heap_figures(epoch)}RSS {warm['rss_kib']} -> {end['rss_kib']} KiB (peak "
           f"{end['hwm_kib']}), fds {warm['fds']} -> {end['fds']}, children {warm['children']} -> "
           f"{end['children']}, zombies {end['zombies']}", flush=True)
 
@@ -967,15 +1172,18 @@ def public(figures: dict) -> dict:
 
 
 def thinned(samples: list) -> list:
-    step = max(1, -(-len(samples) // RSS_SAMPLES_KEPT))
+    step = max(1, -(-len(samples) // SAMPLES_KEPT))
     return samples[::step]
 
 
 def epoch_summary(epoch: Epoch) -> dict:
+    per_request = epoch.heap_growth_per_request()
     return {"mode": epoch.mode, "pid": epoch.pid, "duration_s": epoch.duration_s,
             "requests": epoch.requests, "errors": epoch.errors, "cycles": epoch.cycles,
+            "measured_requests": epoch.measured_requests(),
+            "heap_growth_per_request": None if per_request is None else round(per_request, 3),
             "by_kind": epoch.by_kind, "warmup": public(epoch.warmup), "end": public(epoch.end),
-            "rss_samples_kib": thinned(epoch.rss_samples_kib), "failures": epoch.failures}
+            "samples": thinned(epoch.samples), "failures": epoch.failures}
 
 
 def merged_counts(epochs: list) -> dict:
@@ -1001,6 +1209,17 @@ def reap_strays() -> list:
     return strays + [name for name, _ in children(os.getpid())]
 
 
+def heap_verdict(summary: dict) -> str:
+    if not summary["heap_measured"]:
+        return f"live heap not measured: {summary['heap_note']}"
+    growths = ", ".join(f"{epoch['mode']} {epoch['heap_growth_per_request']:+.2f}"
+                        for epoch in summary["epochs"]
+                        if epoch["heap_growth_per_request"] is not None)
+    return (f"live heap growth per request after warm-up: {growths or 'none measured'} bytes "
+            f"(tolerance {summary['heap_tolerance_bytes_per_request']:g}, over at least "
+            f"{summary['min_measured_requests']} requests per daemon)")
+
+
 def print_summary(summary: dict):
     warm, end = summary["warmup"], summary["end"]
     kinds = ", ".join(f"{kind} {count}" for kind, count in sorted(summary["by_kind"].items()))
@@ -1008,6 +1227,7 @@ def print_summary(summary: dict):
         f"mode {summary['mode']}, {summary['duration_s']} s, {summary['mode_changes']} mode "
         f"change(s), {summary['streaming_starts']} streaming start(s)",
         f"requests {summary['requests']} ({kinds}), errors {summary['errors']}",
+        heap_verdict(summary),
         f"last daemon: RSS {warm.get('rss_kib')} KiB after warm-up, {end.get('rss_kib')} KiB at the "
         f"end (anon {warm.get('rss_anon_kib')} -> {end.get('rss_anon_kib')}), tolerance "
         f"{summary['rss_tolerance_kib']} KiB",
@@ -1034,6 +1254,9 @@ def parse_args(argv):
     parser.add_argument("--epochs", type=int, default=None,
                         help=f"with --mode all: daemons in turn (default {DEFAULT_EPOCHS_ALL})")
     parser.add_argument("--json", metavar="FILE", help="write the figures as JSON")
+    parser.add_argument("--heap-tolerance", type=float, default=HEAP_TOLERANCE,
+                        help="live heap growth allowed, in bytes per request after warm-up "
+                             f"(default {HEAP_TOLERANCE:g})")
     parser.add_argument("--rss-tolerance-kib", type=int, default=RSS_TOLERANCE_KIB,
                         help=f"resident memory growth allowed (default {RSS_TOLERANCE_KIB})")
     parser.add_argument("--no-netsettings", action="store_true",
@@ -1056,9 +1279,9 @@ def main(argv=None) -> int:
     become_subreaper()
     try:
         soak = Soak(args)
-        soak.box.start()
+        soak.prepare()
     except OSError as failure:
-        print(f"soak: cannot start the box: {failure}", file=sys.stderr)
+        print(f"soak: cannot start: {failure}", file=sys.stderr)
         return 2
     try:
         soak.run()

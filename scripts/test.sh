@@ -1,16 +1,18 @@
 #!/bin/sh
-# Builds the host daemon with AddressSanitizer and UndefinedBehaviorSanitizer and runs every
-# test: the unit tests and the integration tests against the box simulator; then, under valgrind,
-# the unit tests and the integration tests that cover every object and mode.
+# Runs every test, as one pipeline (scripts/pipeline.py) that overlaps the builds with the
+# suites that mostly wait:
+#  - the host build under AddressSanitizer and UndefinedBehaviorSanitizer: the unit tests and the
+#    integration tests against the box simulator;
+#  - the host build without sanitizers under valgrind: the unit tests and the integration tests of
+#    every object, mode and fault, each daemon under memcheck;
+#  - the 32-bit ARM build with a box root under qemu-arm: every unit test and the integration suite;
+#  - the board's own build (the box's paths) and the checks of the binary that ships.
+# Installs the Debian packages it needs when any is missing. Arguments go to the pipeline
+# (--ci adds the static analysis, fuzzing, the soak and the quick benchmarks; --list, --only).
 set -eu
 cd "$(dirname "$0")/.."
-scripts/deps.sh
-build=build/test
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DTAVID_SANITIZE=ON >/dev/null
-cmake --build "$build" -j"$(nproc)"
-# Any sanitizer report fails the test that met it.
-export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
-export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
-ctest --test-dir "$build" --output-on-failure -j"$(nproc)"
-# The same under valgrind (a build of its own).
-scripts/valgrind.sh
+case " $* " in
+  *" --ci "*) scripts/deps.sh board fuzz lint ;;
+  *) scripts/deps.sh board ;;
+esac
+exec /usr/bin/python3 scripts/pipeline.py "$@"

@@ -6,11 +6,15 @@
 #   scripts/valgrind.sh integration   the integration tests that cover every object and every
 #                                     output mode (assembly, objects, settings, streaming,
 #                                     dispatch), with the daemon started under valgrind
+#   scripts/valgrind.sh --no-build …  the same with the build left as it is (the pipeline builds
+#                                     once and runs both parts at the same time)
 #
 # Any error or definite or indirect leak fails the run and its report is printed. The daemon's
 # leak check runs when it ends on SIGTERM, as the tests end it.
 set -eu
 cd "$(dirname "$0")/.."
+build_first=1
+if [ "${1:-}" = --no-build ]; then build_first=0; shift; fi
 parts="${*:-unit integration}"
 build=build/valgrind
 memcheck="valgrind -q --leak-check=full --errors-for-leak-kinds=definite,indirect"
@@ -19,11 +23,18 @@ memcheck="valgrind -q --leak-check=full --errors-for-leak-kinds=definite,indirec
 integration_tests="test_04_dispatch.py test_06_assembly.py test_07_objects.py test_08_settings.py
   test_09_streaming.py"
 
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DTAVID_SANITIZE=OFF >/dev/null
-cmake --build "$build" -j"$(nproc)"
+if [ "$build_first" = 1 ]; then
+  cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DTAVID_SANITIZE=OFF >/dev/null
+  cmake --build "$build" -j"$(nproc)"
+fi
+
+# GoogleTest's own count of the tests that passed or skipped ("[  PASSED  ] 12 tests.").
+gtest_count() { sed -n "s/^\[  $1 *\] \([0-9]*\) tests\{0,1\}\.\$/\1/p" "$2" | tail -n 1; }
 
 unit() {
   log=$build/valgrind.log
+  passed=0
+  skipped=0
   for test in "$build"/tests/unit/test_*; do
     [ -x "$test" ] || continue
     if ! $memcheck --error-exitcode=99 "$test" --gtest_brief=1 >"$log" 2>&1; then
@@ -31,8 +42,13 @@ unit() {
       echo "valgrind: $(basename "$test") failed"
       exit 1
     fi
-    echo "valgrind: $(basename "$test") clean"
+    test_passed=$(gtest_count PASSED "$log")
+    test_skipped=$(gtest_count SKIPPED "$log")
+    passed=$((passed + ${test_passed:-0}))
+    skipped=$((skipped + ${test_skipped:-0}))
+    echo "valgrind: $(basename "$test") clean (${test_passed:-0} passed, ${test_skipped:-0} skipped)"
   done
+  echo "valgrind: unit tests clean: $passed passed, $skipped skipped"
 }
 
 # Each daemon writes its own report (valgrind's %p); -q leaves a clean daemon's report empty.
@@ -45,7 +61,7 @@ integration() {
   for test in $integration_tests; do set -- "$@" "tests/integration/$test"; done
   TAVID_BIN=$PWD/$build/src/tavid TAVICTL_BIN=$PWD/$build/tavictl/tavictl \
     TAVID_LAUNCHER="$memcheck --child-silent-after-fork=yes --log-file=$logs/tavid.%p.log" \
-    /usr/bin/python3 -m pytest -q -p no:cacheprovider "$@"
+    /usr/bin/python3 -m pytest -q -rs -p no:cacheprovider "$@"
   daemons=$(find "$logs" -name 'tavid.*.log' | wc -l)
   dirty=$(find "$logs" -name 'tavid.*.log' -size +0c)
   if [ -n "$dirty" ]; then

@@ -1049,9 +1049,11 @@ def run_script(box, *command, env=None):
 
 
 def write_fake_daemon(box):
-    """A program in the daemon's place that records how the init script started it."""
+    """A program in the daemon's place that records how the init script started it. The record
+    appears whole (written aside, then renamed), so that a test never reads it half-written."""
     fake = box.path("fake_tavid")
-    Path(fake).write_text('#!/bin/sh\necho "$TAVID_ROOT $*" >"$TAVID_ROOT/fake.out"\n')
+    Path(fake).write_text('#!/bin/sh\necho "$TAVID_ROOT $*" >"$TAVID_ROOT/fake.tmp"\n'
+                          'mv "$TAVID_ROOT/fake.tmp" "$TAVID_ROOT/fake.out"\n')
     os.chmod(fake, 0o755)
     return fake
 

@@ -27,6 +27,7 @@ min_rate() {
     fuzz_settings_restore) echo 8 ;;
     fuzz_netsettings) echo 150 ;;
     fuzz_cmd_channel) echo 12 ;;
+    fuzz_taviweb) echo 500 ;;
   esac
 }
 for harness in $harnesses; do

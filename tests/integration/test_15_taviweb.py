@@ -400,10 +400,13 @@ def test_with_authentication_every_path_but_the_metrics_needs_the_password(rf_bo
             assert answer.headers["www-authenticate"] == 'Basic realm="taviweb", charset="UTF-8"'
     assert post_api(web, GET_DEVICE, right).body == b'{"result":{"output_mode":"rf","device_id":"0"}}'
     assert fetch(web.url + "/api/status", headers=right).json()["up"] is True
+    # Once the right password has passed, a wrong one still does not.
+    assert fetch(web.url + "/api/status", headers=basic("operator", "open sesamE")).status == 401
     assert fetch(web.url + "/nope", headers=right).status == 404
     metrics = fetch(web.url + "/metrics")
     assert metrics.status == 200
     assert 'tavi_web_http_requests_total{path="/api",code="401"} 4' in metrics.body.decode()
+    assert 'tavi_web_http_requests_total{path="/api/status",code="401"} 5' in metrics.body.decode()
 
 
 def test_without_authentication_no_password_is_asked(rf_box, taviweb):

@@ -341,6 +341,21 @@ def test_the_daemon_stopped_and_started_again(make_box, tavid, taviweb):
     assert post_api(web, GET_DEVICE).body == b'{"result":{"output_mode":"rf","device_id":"0"}}'
 
 
+def test_a_daemon_that_does_not_answer_in_time_is_502(rf_box, taviweb):
+    box, daemon = rf_box
+    web = taviweb(daemon.port, [*LONG, "-t", "0.5"])
+    daemon.send_signal(signal.SIGSTOP)
+    try:
+        late = f"no complete reply from 127.0.0.1 port {daemon.port} within 0.5 s"
+        answer = post_api(web, GET_DEVICE)
+        assert (answer.status, answer.body) == (502, error_body(f"tavid did not answer: {late}"))
+        document = fetch(web.url + "/api/status").json()
+        assert (document["up"], document["error"]) == (False, late)
+    finally:
+        daemon.send_signal(signal.SIGCONT)
+    assert post_api(web, GET_DEVICE).body == b'{"result":{"output_mode":"rf","device_id":"0"}}'
+
+
 def test_a_request_waiting_on_a_stuck_daemon_is_answered_when_taviweb_stops(rf_box, taviweb):
     box, daemon = rf_box
     web = taviweb(daemon.port, LONG)

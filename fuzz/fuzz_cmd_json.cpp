@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::box_for_run(fuzz::box_mode_of(data[0]));
   /* The channel terminates what it read; a NUL inside ends the text there. */
   std::string request(reinterpret_cast<const char*>(data + 1), size - 1);
-  fuzz::box_state().changed = fuzz::changes_box(request.c_str(), strlen(request.c_str()));
+  fuzz::boxes().changed = fuzz::changes_box(request.c_str(), strlen(request.c_str()));
   char* reply = cmd_json_handler(request.data());
   if (!fuzz::reply_well_formed(reply))
     fuzz::fail(std::string("the reply is not one JSON object of the protocol: ") +

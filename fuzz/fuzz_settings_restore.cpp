@@ -25,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1) return 0;
   fuzz::box_for_run(fuzz::box_mode_of(data[0]));
   const char* text = reinterpret_cast<const char*>(data + 1);
-  fuzz::box_state().changed = fuzz::starts_with_record(text, size - 1);
+  fuzz::boxes().changed = fuzz::starts_with_record(text, size - 1);
   fuzz::write_file(TAVID_CMD_SETTINGS_FILE, std::string(text, size - 1));
   const cmd_json_err_t err = cmd_restore_settings(NULL, NULL);
   if (err != CMD_JSON_OK) fuzz::fail("the restore of a readable file ended in result " + std::to_string(err));

@@ -1,7 +1,7 @@
 /* What the fuzzing harnesses share: a temporary box root whose scripts are harmless stand-ins, a
  * simulated I2C bus served by its own thread, the four encoder/modulator modules answering on it
- * with plausible factory values, and the box of each output mode built on them. Header only; each harness includes
- * it once. */
+ * with plausible factory values, and the box of each output mode built on them. Header only; each harness
+ * includes it once. */
 #ifndef FUZZ_SUPPORT_H
 #define FUZZ_SUPPORT_H
 
@@ -220,23 +220,38 @@ struct box_mode_t {
   const char* name; /* as -m and the default settings files name it */
   hal_err_t (*init)(void);
 };
-constexpr box_mode_t BOX_MODES[] = {{"rf", hal_init_rf}, {"ip_spts", hal_init_ip_spts}, {"ip_mpts", hal_init_ip_mpts}};
+constexpr box_mode_t BOX_MODES[] = {
+    {"rf", hal_init_rf}, {"ip_spts", hal_init_ip_spts}, {"ip_mpts", hal_init_ip_mpts}};
 constexpr size_t BOX_MODE_COUNT = sizeof(BOX_MODES) / sizeof(BOX_MODES[0]);
 
 inline size_t box_mode_of(uint8_t byte) { return byte % BOX_MODE_COUNT; }
 
-/* The settings file each box stores at the factory. */
-inline std::string& factory_settings(size_t mode) {
-  static std::string text[BOX_MODE_COUNT];
-  return text[mode];
+/* The settings file each box stores at the factory; which box the last run left, and whether that
+ * run may have changed it. */
+struct boxes_t {
+  std::string factory_settings[BOX_MODE_COUNT];
+  size_t mode;
+  bool changed;
+};
+
+inline boxes_t& boxes(void) {
+  static boxes_t state = {{}, 0, false};
+  return state;
 }
 
-/* Every child the daemon started, the streaming program's included, must have been reaped by the
- * time its objects are gone. */
+/* Every child the daemon started, the streaming program's included, must be gone by the time its
+ * objects are: stopped, or killed. A killed child may still wait to be reaped (the stop looks once
+ * after SIGKILL, and on a loaded machine the child has not ended by then); it is reaped here. One
+ * still running a second later was never stopped. */
 inline void check_no_child_left(void) {
+  constexpr int kLooks = 100;
   int status;
-  const pid_t child = waitpid(-1, &status, WNOHANG);
-  if (child >= 0) fail("a child of the daemon outlived the box that started it");
+  for (int look = 0; look < kLooks; look++) {
+    const pid_t child = waitpid(-1, &status, WNOHANG);
+    if (child < 0) return;
+    if (child == 0) usleep(10000);
+  }
+  fail("a child of the daemon outlived the box that started it");
 }
 
 /* The box of one output mode as the daemon has it after its first poll cycle, built afresh on
@@ -249,7 +264,7 @@ inline void build_box(size_t mode) {
   hal_ts_tag = hal_service_tag = hal_stream_tag = 0;
   if (BOX_MODES[mode].init() != HAL_OK) die("could not build the box");
   hal_poll();
-  write_file(TAVID_CMD_SETTINGS_FILE, factory_settings(mode));
+  write_file(TAVID_CMD_SETTINGS_FILE, boxes().factory_settings[mode]);
 }
 
 /* The box root, the module bus in it and the factory settings file of every mode, stored by its
@@ -261,28 +276,19 @@ inline void start_boxes(void) {
   for (size_t mode = BOX_MODE_COUNT; mode-- > 0;) {
     build_box(mode);
     if (cmd_store_settings(NULL, NULL) != CMD_JSON_OK) die("could not store the factory settings");
-    factory_settings(mode) = read_file(TAVID_CMD_SETTINGS_FILE);
-    write_file(std::string("/opt/bin/default_settings_") + BOX_MODES[mode].name + ".conf", factory_settings(mode));
+    boxes().factory_settings[mode] = read_file(TAVID_CMD_SETTINGS_FILE);
+    write_file(std::string("/opt/bin/default_settings_") + BOX_MODES[mode].name + ".conf",
+               boxes().factory_settings[mode]);
   }
   if (atexit(hal_cleanup) != 0) die("could not arrange the boxes' removal");
 }
 
-/* Which box the last run left, and whether it may have changed it. */
-struct box_state_t {
-  size_t mode;
-  bool changed;
-};
-
-inline box_state_t& box_state(void) {
-  static box_state_t state = {0, false};
-  return state;
-}
-
 /* Readies the box of `mode` for a run: built anew unless the last run left that box unchanged. */
 inline void box_for_run(size_t mode) {
-  box_state_t& state = box_state();
+  boxes_t& state = boxes();
   if (state.changed || state.mode != mode) build_box(mode);
-  state = {mode, false};
+  state.mode = mode;
+  state.changed = false;
 }
 
 /* Whether a text reaches a set or execute handler: only those change the box, so that after

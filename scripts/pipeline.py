@@ -22,7 +22,6 @@ passed and failed. Exit status 1 when any step failed.
 
 import argparse
 import os
-import shlex
 import subprocess
 import sys
 import time

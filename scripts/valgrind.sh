@@ -5,12 +5,14 @@
 #   scripts/valgrind.sh unit          every unit test executable
 #   scripts/valgrind.sh integration   the integration tests that cover every object and every
 #                                     output mode (assembly, objects, settings, streaming,
-#                                     dispatch), with the daemon started under valgrind
+#                                     dispatch) and the faults, with the daemon started under
+#                                     valgrind
 #   scripts/valgrind.sh --no-build …  the same with the build left as it is (the pipeline builds
 #                                     once and runs both parts at the same time)
 #
 # Any error or definite or indirect leak fails the run and its report is printed. The daemon's
-# leak check runs when it ends on SIGTERM, as the tests end it.
+# leak check runs when it ends on SIGTERM, as the tests end it; a daemon with an error ends with
+# status 99, which fails the test that started it, with the report.
 set -eu
 cd "$(dirname "$0")/.."
 build_first=1
@@ -19,9 +21,10 @@ parts="${*:-unit integration}"
 build=build/valgrind
 memcheck="valgrind -q --leak-check=full --errors-for-leak-kinds=definite,indirect"
 
-# The integration subset: every object, every mode, the settings file and the streaming child.
+# The integration subset: every object, every mode, the settings file, the streaming child, and
+# the faults of the modules, the bus, the settings directory, signals, floods and the child.
 integration_tests="test_04_dispatch.py test_06_assembly.py test_07_objects.py test_08_settings.py
-  test_09_streaming.py"
+  test_09_streaming.py test_10_faults.py test_11_faults_system.py"
 
 if [ "$build_first" = 1 ]; then
   cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DTAVID_SANITIZE=OFF >/dev/null
@@ -60,7 +63,7 @@ integration() {
   set --
   for test in $integration_tests; do set -- "$@" "tests/integration/$test"; done
   TAVID_BIN=$PWD/$build/src/tavid TAVICTL_BIN=$PWD/$build/tavictl/tavictl \
-    TAVID_LAUNCHER="$memcheck --child-silent-after-fork=yes --log-file=$logs/tavid.%p.log" \
+    TAVID_LAUNCHER="$memcheck --error-exitcode=99 --child-silent-after-fork=yes --log-file=$logs/tavid.%p.log" \
     /usr/bin/python3 -m pytest -q -rs -p no:cacheprovider "$@"
   daemons=$(find "$logs" -name 'tavid.*.log' | wc -l)
   dirty=$(find "$logs" -name 'tavid.*.log' -size +0c)

@@ -595,8 +595,11 @@ class Module:
                 set_or_remove(self.faults.corrupt, None if code is None else check_byte(code), kind)
 
     def clear_faults(self):
+        """Also ends a busy time in progress: a test holds the module busy while it acts, then
+        lets the waiting command finish."""
         with self._lock:
             self.faults = Faults()
+            self._ready_at = 0.0
 
 
 # -- helpers of the state views ---------------------------------------------------------------

@@ -36,7 +36,8 @@ The bus and the modules:
   set_error addr code error the error byte answered to code instead of executing; null: none
   set_corrupt addr [code] kind   broken replies (to code; absent: to all): "tag", "end",
                             "length" (past any read), "code" (wrong echo); null: mended
-  clear_faults addr         the module's faults gone (absence is the bus's: set_absent)
+  clear_faults addr         the module's faults gone, a busy time in progress ended
+                            (absence is the bus's: set_absent)
 
 The board's files:
   temperature               the text of both sensor files (null: missing) and which one the
@@ -55,9 +56,12 @@ The stand-ins:
                             does its work; a failing tavid script restarts nothing)
   qel2ip                    "config", "runs" (pid, argv, env, time, running), "log" (every
                             event), "stats" (tmp/qelstat<unit> texts by unit)
-  set_qel2ip [ignore_sigterm] [rate] [exit_status]   for the stand-ins started from now on:
-                            only SIGKILL ends them; the statistics text (null: no file); end
-                            at once with this status (null: run until a signal ends them)
+  set_qel2ip [ignore_sigterm] [rate] [exit_status] [sigterm_delay_ms] [reap_delay_ms]
+                            for the stand-ins started from now on: only SIGKILL ends them; the
+                            statistics text (null: no file); end at once with this status (null:
+                            run until a signal ends them); a SIGTERM ends them only this long
+                            after it came; their parent can collect them only this long after
+                            they ended, whatever ended them (a tracer process holds them back)
   set_qelstat unit text     puts a statistics file in place; null removes it
 
 The network-settings service (boxes made with it only):
@@ -675,7 +679,7 @@ QEL2IP = """#!/usr/bin/python3
 # Stand-in for the streaming program: records how it was started, publishes a rate and streams
 # nothing. It runs with an empty environment, so the root is written in here; what it is to do
 # is read from the root's qel2ip.conf when it starts.
-import json, os, signal, sys, time
+import ctypes, json, os, signal, sys, time
 
 ROOT = {root!r}
 
@@ -687,6 +691,58 @@ def record(entry):
 
 def ignore_sigterm(signum, frame):
     record({{"event": "sigterm_ignored"}})
+
+
+def end_later(ms):
+    # A SIGTERM handler that lets the signal end the process ms after it came.
+    def hold(signum, frame):
+        signal.signal(signal.SIGTERM, signal.SIG_IGN)
+        record({{"event": "sigterm_held"}})
+        time.sleep(ms / 1000)
+        record({{"event": "sigterm_end"}})
+        signal.signal(signal.SIGTERM, signal.SIG_DFL)
+        os.kill(os.getpid(), signal.SIGTERM)
+    return hold
+
+
+PTRACE_CONT, PTRACE_SEIZE, PR_SET_PTRACER, WAIT_ALL = 7, 0x4206, 0x59616D61, 0x40000000
+
+
+def trace(libc, traced, ms):
+    # While the traced process runs, it gets the signals sent to it as if untraced. Once it has
+    # ended, its parent can collect it only after its tracer has: ms later.
+    while True:
+        seen = os.waitid(os.P_PID, traced, os.WEXITED | os.WSTOPPED | os.WNOWAIT | WAIT_ALL)
+        if seen.si_code in (os.CLD_EXITED, os.CLD_KILLED, os.CLD_DUMPED):
+            ending = "status" if seen.si_code == os.CLD_EXITED else "signal"
+            record({{"event": "ended", "pid": traced, ending: seen.si_status}})
+            time.sleep(ms / 1000)
+            record({{"event": "released", "pid": traced}})
+            os.waitpid(traced, WAIT_ALL)
+            return
+        _, status = os.waitpid(traced, WAIT_ALL)
+        sig = os.WSTOPSIG(status) if os.WIFSTOPPED(status) else 0
+        libc.ptrace(PTRACE_CONT, traced, None, ctypes.c_void_p(sig))
+
+
+def hold_end(ms):
+    # Starts a tracer of this process (a child of it) that holds its end back for ms.
+    libc = ctypes.CDLL(None, use_errno=True)
+    traced = os.getpid()
+    go, attached = os.pipe(), os.pipe()
+    tracer = os.fork()
+    if tracer == 0:
+        os.read(go[0], 1)
+        if libc.ptrace(PTRACE_SEIZE, traced, None, None) != 0:
+            record({{"event": "untraced", "pid": traced, "errno": ctypes.get_errno()}})
+            os.write(attached[1], b"x")
+            os._exit(0)
+        os.write(attached[1], b"x")
+        trace(libc, traced, ms)
+        os._exit(0)
+    libc.prctl(PR_SET_PTRACER, tracer, 0, 0, 0)  # where Yama lets only ancestors trace
+    os.write(go[1], b"x")
+    os.read(attached[0], 1)
 
 
 def config():
@@ -707,7 +763,14 @@ def environment():
 conf = config()
 # The daemon counts a child as stopped only when a signal ended it: SIGTERM keeps its default
 # unless the child is to be one that only SIGKILL ends.
-signal.signal(signal.SIGTERM, ignore_sigterm if conf.get("ignore_sigterm") else signal.SIG_DFL)
+if conf.get("ignore_sigterm"):
+    signal.signal(signal.SIGTERM, ignore_sigterm)
+elif conf.get("sigterm_delay_ms") is not None:
+    signal.signal(signal.SIGTERM, end_later(conf["sigterm_delay_ms"]))
+else:
+    signal.signal(signal.SIGTERM, signal.SIG_DFL)
+if conf.get("reap_delay_ms") is not None:
+    hold_end(conf["reap_delay_ms"])
 args = sys.argv[1:]
 unit = args[args.index("-i") + 1] if "-i" in args[:-1] else ""
 record({{"event": "start", "argv": sys.argv, "env": environment()}})
@@ -882,25 +945,38 @@ class Box:
                     "".join(f"{key}={shlex.quote(value)}\n" for key, value in values.items()))
 
     def configure_qel2ip(self, ignore_sigterm: bool = False, rate: str | None = QEL2IP_RATE_MBPS,
-                         exit_status: int | None = None):
+                         exit_status: int | None = None, sigterm_delay_ms: int | None = None,
+                         reap_delay_ms: int | None = None):
         """What the streaming stand-ins started from now on do: ignore SIGTERM (only SIGKILL
         ends them), write `rate` as their statistics (None: no statistics file), end at once
-        with exit_status (None: run until a signal ends them)."""
+        with exit_status (None: run until a signal ends them). sigterm_delay_ms: a SIGTERM
+        ends them only that long after it came ("sigterm_held", then "sigterm_end" just
+        before it ends them). reap_delay_ms: a tracer holds their end back from their parent
+        for that long ("ended" with the signal or status, then "released"; "untraced" with
+        the errno when tracing is not allowed here)."""
         if not isinstance(ignore_sigterm, bool):
             raise ValueError(f"ignore_sigterm: not true or false: {ignore_sigterm!r}")
         if rate is not None and not isinstance(rate, str):
             raise ValueError(f"rate: not a text: {rate!r}")
         if exit_status is not None and not 0 <= tavimod.check_count(exit_status) <= 255:
             raise ValueError(f"exit_status: not an exit status: {exit_status!r}")
+        for ms in (sigterm_delay_ms, reap_delay_ms):
+            if ms is not None:
+                tavimod.check_count(ms)
+        if ignore_sigterm and sigterm_delay_ms is not None:
+            raise ValueError("ignore_sigterm and sigterm_delay_ms: a SIGTERM is either ignored or held")
         self._write("qel2ip.conf", json.dumps({"ignore_sigterm": ignore_sigterm, "rate": rate,
-                                               "exit_status": exit_status}) + "\n")
+                                               "exit_status": exit_status,
+                                               "sigterm_delay_ms": sigterm_delay_ms,
+                                               "reap_delay_ms": reap_delay_ms}) + "\n")
 
     def qel2ip_config(self) -> dict:
         return json.loads(self._read("qel2ip.conf"))
 
     def qel2ip_log(self) -> list:
         """What the stand-ins recorded, in order: {"event": "start", "argv", "env"},
-        {"event": "sigterm_ignored"}, {"event": "exit", "status"}, each with "time" and "pid"."""
+        {"event": "sigterm_ignored"}, {"event": "exit", "status"}, and those of
+        configure_qel2ip's delays, each with "time" and "pid" (the stand-in's)."""
         text = self._read("qel2ip.log") or ""
         return [json.loads(line) for line in text.splitlines()]
 
@@ -1046,8 +1122,9 @@ class Box:
                 "log": self.qel2ip_log(), "stats": self.qel2ip_stats()}
 
     def _command_set_qel2ip(self, command: dict) -> dict:
-        """Any of "ignore_sigterm", "rate", "exit_status"; the others stay as they are."""
-        tavimod.check_keys(command, ("cmd", "ignore_sigterm", "rate", "exit_status"), "set_qel2ip")
+        """Any of configure_qel2ip's settings; the others stay as they are."""
+        tavimod.check_keys(command, ("cmd", "ignore_sigterm", "rate", "exit_status", "sigterm_delay_ms",
+                                     "reap_delay_ms"), "set_qel2ip")
         config = self.qel2ip_config()
         config.update({key: value for key, value in command.items() if key != "cmd"})
         self.configure_qel2ip(**config)

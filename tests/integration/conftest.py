@@ -3,11 +3,17 @@
 Environment:
   TAVID_BIN       the daemon binary; tests that run it are skipped when it is not set.
   TAVID_LAUNCHER  optional command put in front of it, for a binary that is not the
-                  machine's own (for example "qemu-arm -L /usr/arm-linux-gnueabihf").
+                  machine's own (for example "qemu-arm -L /usr/arm-linux-gnueabihf"), or a
+                  checker (valgrind, its report in the file that --log-file names).
+
+Every daemon a test starts is ended with SIGTERM at the end of the test, also those that the
+init script started again, and judged: it must end with status 0, as documented, and leave no
+report of a sanitizer or of valgrind; the test fails with the report otherwise.
 
 Test modules import the helpers from here: `from conftest import request, run_tavid`.
 """
 
+import ctypes
 import http.client
 import json
 import os
@@ -21,6 +27,7 @@ import sys
 import tempfile
 import time
 from pathlib import Path
+from typing import NamedTuple
 from urllib.parse import urlsplit
 
 import pytest
@@ -51,19 +58,66 @@ def launcher() -> list:
     return shlex.split(os.environ.get("TAVID_LAUNCHER", ""))
 
 
+# What the tools that run the daemon read from the environment: the sanitizers' options and
+# symbolizer, valgrind's and qemu-arm's settings, where they put temporary files.
+TOOL_VARIABLES = ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "ASAN_SYMBOLIZER_PATH", "VALGRIND_LIB",
+                  "VALGRIND_OPTS", "QEMU_LD_PREFIX", "TMPDIR")
+
+
 def daemon_env(root: str | None) -> dict:
-    """The daemon sees only the root and PATH; root None leaves TAVID_ROOT unset."""
-    env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin")}
+    """The daemon reads only the root (root None leaves TAVID_ROOT unset) and PATH; the tools
+    that run it get their own variables."""
+    env = {name: os.environ[name] for name in TOOL_VARIABLES if name in os.environ}
+    env["PATH"] = os.environ.get("PATH", "/usr/bin:/bin")
     if root is not None:
         env["TAVID_ROOT"] = root
     return env
 
 
 def run_tavid(args, root: str | None, timeout: float = STOP_WAIT):
-    """A run that should end by itself (option errors): (status, stdout, stderr)."""
-    done = subprocess.run([*launcher(), tavid_bin(), *args], env=daemon_env(root),
-                          stdin=subprocess.DEVNULL, capture_output=True, timeout=timeout)
-    return done.returncode, done.stdout, done.stderr
+    """A run that should end by itself (option errors): (status, stdout, stderr). A report of
+    a sanitizer or of valgrind fails the test."""
+    with subprocess.Popen([*launcher(), tavid_bin(), *args], env=daemon_env(root), stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE) as process:
+        try:
+            out, errors = process.communicate(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            raise
+    report = tool_report(errors, process.pid)
+    assert report is None, f"tavid (PID {process.pid}, status {process.returncode}):\n{report}"
+    return process.returncode, out, errors
+
+
+# ---------------------------------------------------------------------------------------------
+# Reports of the sanitizers and of valgrind
+
+# AddressSanitizer, LeakSanitizer and valgrind start their lines with "==<pid>==";
+# UndefinedBehaviorSanitizer reports "<file>:<line>:<column>: runtime error: ...".
+_TOOL_REPORT = re.compile(rb"==\d+==|runtime error: |Sanitizer:DEADLYSIGNAL")
+REPORT_SHOWN = 16000  # characters of a report shown in a failure
+
+
+def launcher_log(pid: int) -> Path | None:
+    """The file in which the launcher (valgrind's --log-file, "%p" the pid) reports on the
+    daemon with this pid; None when it reports on standard error."""
+    for word in launcher():
+        if word.startswith("--log-file="):
+            return Path(word[len("--log-file="):].replace("%p", str(pid)))
+    return None
+
+
+def tool_report(stderr: bytes, pid: int) -> str | None:
+    """What a sanitizer or valgrind reported on the daemon with this pid, in its standard error
+    from the report's first line on or in the launcher's log; None when nothing."""
+    parts = []
+    found = _TOOL_REPORT.search(stderr)
+    if found is not None:
+        parts.append(stderr[found.start():].decode(errors="replace"))
+    log = launcher_log(pid)
+    if log is not None and log.exists() and log.stat().st_size:
+        parts.append(f"{log}:\n" + log.read_text(errors="replace"))
+    return "\n".join(part[:REPORT_SHOWN] for part in parts) or None
 
 
 def free_port() -> int:
@@ -72,18 +126,46 @@ def free_port() -> int:
         return probe.getsockname()[1]
 
 
-def _listening_rows(port: int):
-    """The kernel's rows of the sockets that listen on the port, split into their fields."""
+class TcpSocket(NamedTuple):
+    """One row of the kernel's TCP tables. The queues: bytes sent and not yet acknowledged, and
+    bytes received and not yet read (for a listener, connections not yet accepted)."""
+    address: str
+    port: int
+    remote_port: int
+    state: str
+    tx_queue: int
+    rx_queue: int
+    inode: int
+
+
+def _address(text: str) -> str:
+    """An address of the kernel's tables (hexadecimal, in the machine's byte order) as text."""
+    packed = bytes.fromhex(text)
+    if len(packed) == 4:
+        return socket.inet_ntop(socket.AF_INET, packed[::-1] if sys.byteorder == "little" else packed)
+    words = b"".join(packed[at:at + 4][::-1] if sys.byteorder == "little" else packed[at:at + 4]
+                     for at in range(0, 16, 4))
+    return socket.inet_ntop(socket.AF_INET6, words)
+
+
+def tcp_sockets():
+    """The TCP sockets of this network namespace, IPv4 and IPv6."""
     for table in ("/proc/net/tcp", "/proc/net/tcp6"):
         try:
             with open(table, encoding="ascii") as rows:
                 next(rows)
                 for row in rows:
                     fields = row.split()
-                    if int(fields[1].rsplit(":", 1)[1], 16) == port and fields[3] == TCP_LISTEN:
-                        yield fields
+                    address, port = fields[1].rsplit(":", 1)
+                    tx_queue, rx_queue = fields[4].split(":")
+                    yield TcpSocket(_address(address), int(port, 16), int(fields[2].rsplit(":", 1)[1], 16),
+                                    fields[3], int(tx_queue, 16), int(rx_queue, 16), int(fields[9]))
         except FileNotFoundError:
             continue
+
+
+def _listening_rows(port: int):
+    return (row for row in tcp_sockets() if row.port == port and row.state == TCP_LISTEN)
 
 
 def tcp_listening(port: int) -> bool:
@@ -95,7 +177,38 @@ def tcp_listening(port: int) -> bool:
 def tcp_accept_queue(port: int) -> int:
     """How many connections wait for the listener on the port to accept them (the receive
     queue of a listening socket counts them)."""
-    return sum(int(fields[4].split(":")[1], 16) for fields in _listening_rows(port))
+    return sum(row.rx_queue for row in _listening_rows(port))
+
+
+def socket_descriptors(pid: int) -> dict:
+    """The process's sockets: their inode -> its descriptor. Empty once it has ended."""
+    found = {}
+    try:
+        for descriptor in os.listdir(f"/proc/{pid}/fd"):
+            target = os.readlink(f"/proc/{pid}/fd/{descriptor}")
+            if target.startswith("socket:["):
+                found[int(target[len("socket:["):-1])] = int(descriptor)
+    except (FileNotFoundError, ProcessLookupError):
+        pass
+    return found
+
+
+def listening_sockets(pid: int) -> list:
+    """Where the process listens for TCP connections: (address, port) of each of its sockets."""
+    inodes = socket_descriptors(pid)
+    return [(row.address, row.port) for row in tcp_sockets() if row.state == TCP_LISTEN and row.inode in inodes]
+
+
+TCP_ESTABLISHED = "01"
+
+
+def accepted(client: socket.socket) -> bool:
+    """Whether the daemon has taken this client's connection from its listen queue: the kernel
+    gives the daemon's end of a connection an inode only when it is accepted, and that end is
+    closing once the daemon has served the request."""
+    ends = (client.getpeername()[1], client.getsockname()[1])
+    return any(row.state != TCP_ESTABLISHED or row.inode != 0 for row in tcp_sockets()
+               if (row.port, row.remote_port) == ends)
 
 
 def wait_until_listening(program, name: str, timeout: float):
@@ -118,9 +231,10 @@ def wait_until_listening(program, name: str, timeout: float):
 class Daemon:
     """tavid started on a box: [*wrapper, launcher..., TAVID_BIN, "-c", port, *args], its
     standard streams in the root's tavid.out and tavid.err. A wrapper must end by executing
-    the rest of the line in its own process, so that signals reach the daemon."""
+    the rest of the line in its own process, so that signals reach the daemon. The port may
+    also be the option's text as given ("" for -c "")."""
 
-    def __init__(self, box: tavisim.Box, args=(), port: int | None = None, wrapper=()):
+    def __init__(self, box: tavisim.Box, args=(), port: int | str | None = None, wrapper=()):
         self.box = box
         self.port = free_port() if port is None else port
         self.args = ["-c", str(self.port), *args]
@@ -137,8 +251,16 @@ class Daemon:
                                             stdin=subprocess.DEVNULL, stdout=out, stderr=err)
         return self
 
+    @property
+    def pid(self) -> int:
+        return self.process.pid
+
     def running(self) -> bool:
         return self.process is not None and self.process.poll() is None
+
+    def exit_status(self) -> int | None:
+        """None while it runs; a negative number for the signal that ended it."""
+        return self.process.poll()
 
     def wait_listening(self, timeout: float = START_WAIT):
         return wait_until_listening(self, "tavid", timeout)
@@ -163,27 +285,6 @@ class Daemon:
             self.process.kill()
             self.process.wait()
 
-    def terminate(self):
-        """SIGTERM, as the box ends a daemon, when it still runs."""
-        if self.running():
-            self.send_signal(signal.SIGTERM)
-
-    def ended(self, timeout: float = STOP_WAIT) -> bool:
-        """Whether the daemon has ended or ends within the timeout."""
-        if self.running():
-            try:
-                self.process.wait(timeout)
-            except subprocess.TimeoutExpired:
-                return False
-        return True
-
-    def finish(self):
-        """Ends a daemon still running as the box would: SIGTERM, so that a memory checker in
-        the launcher sees its whole exit path; SIGKILL only when it does not end in time."""
-        self.terminate()
-        if not self.ended():
-            self.kill()
-
     def stdout(self) -> bytes:
         return Path(self.out_path).read_bytes()
 
@@ -191,20 +292,133 @@ class Daemon:
         return Path(self.err_path).read_bytes()
 
 
-def kill_restarted_daemons(box: tavisim.Box):
-    """Daemons that the init script started again (their pids in tavid.pid). A pid is killed
-    only while it still runs the daemon binary, never a process that reused the number."""
+PR_SET_CHILD_SUBREAPER = 36
+
+
+def become_subreaper():
+    """The init script starts a daemon in the background and ends: the daemon is orphaned. A
+    subreaper becomes the parent of its orphaned descendants, so the test process can collect
+    the exit status of every daemon the init script started."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    if libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0:
+        raise OSError(ctypes.get_errno(), "prctl(PR_SET_CHILD_SUBREAPER)")
+
+
+def restarted_pids(box: tavisim.Box) -> list:
+    """The daemons that the init script started on the box, in order."""
     try:
-        pids = Path(box.path("tavid.pid")).read_text().split()
+        return [int(pid) for pid in Path(box.path("tavid.pid")).read_text().split()]
     except FileNotFoundError:
-        return
+        return []
+
+
+class RestartedDaemon:
+    """A daemon that the init script started, its standard streams in the root's tavid.log
+    with those of the others it started. Once the script has ended it is the test process's
+    child (become_subreaper)."""
+
+    UNKNOWN = "unknown: not a child of the test process"
+
+    def __init__(self, box: tavisim.Box, pid: int):
+        self.box = box
+        self.pid = pid
+        self.status = None
+
+    def exit_status(self) -> int | str | None:
+        """None while it runs."""
+        if self.status is None:
+            try:
+                done, status = os.waitpid(self.pid, os.WNOHANG)
+            except ChildProcessError:  # the init script has not ended yet, or it is not ours
+                if not Path(f"/proc/{self.pid}").exists():
+                    self.status = self.UNKNOWN
+                return self.status
+            if done == self.pid:
+                self.status = os.waitstatus_to_exitcode(status)
+        return self.status
+
+    def send_signal(self, sig: int):
+        os.kill(self.pid, sig)  # not reaped yet, so the number is still the daemon's
+
+    def stderr(self) -> bytes:
+        return Path(self.box.path("tavid.log")).read_bytes()
+
+
+def kill_restarted_daemons(box: tavisim.Box):
+    """Daemons that the init script started and that still run, when their box goes. A pid is
+    killed only while it still runs the daemon binary, never a process that reused the number."""
     binary = os.fsencode(os.environ.get("TAVID_BIN", ""))
-    for pid in map(int, pids):
+    for pid in restarted_pids(box):
         try:
             if binary and binary in Path(f"/proc/{pid}/cmdline").read_bytes():
                 os.kill(pid, signal.SIGKILL)
         except (FileNotFoundError, ProcessLookupError):
             continue
+
+
+# ---------------------------------------------------------------------------------------------
+# Ending and judging the daemons of a test
+
+
+def _within(predicate, timeout: float) -> bool:
+    deadline = time.monotonic() + timeout
+    while not predicate():
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.02)
+    return True
+
+
+def _ends(daemon, timeout: float) -> bool:
+    return _within(lambda: daemon.exit_status() is not None, timeout)
+
+
+def _ready_to_stop(daemon, timeout: float) -> bool:
+    """It listens, so its signal handlers are in place (it sets them first), or it has ended."""
+    return _within(lambda: daemon.exit_status() is not None or listening_sockets(daemon.pid), timeout)
+
+
+def end_all(daemons) -> list:
+    """Ends the daemons that still run with SIGTERM, as the box ends a daemon, so that a checker
+    in the launcher sees the whole exit path; the problems met. Each gets the signal once it
+    is ready for it (_ready_to_stop) or after START_WAIT, and all get it before any is waited
+    for, so that each stops its streaming child while the box is still there. One that does
+    not end within STOP_WAIT is killed."""
+    problems = []
+    for daemon in daemons:
+        _ready_to_stop(daemon, START_WAIT)
+    for daemon in daemons:
+        if daemon.exit_status() is None:
+            daemon.send_signal(signal.SIGTERM)
+    for daemon in daemons:
+        if not _ends(daemon, STOP_WAIT):
+            daemon.send_signal(signal.SIGKILL)
+            _ends(daemon, STOP_WAIT)
+            problems.append(f"tavid (PID {daemon.pid}) did not end within {STOP_WAIT} s of SIGTERM")
+    return problems
+
+
+def judgement(daemon) -> str | None:
+    """What is wrong with a daemon that has ended: a status other than the documented 0, a
+    report of a sanitizer or of valgrind. None when nothing."""
+    status = daemon.exit_status()
+    report = tool_report(daemon.stderr(), daemon.pid)
+    if status == 0 and report is None:
+        return None
+    return f"tavid (PID {daemon.pid}) ended with status {status}" + (f", with this report:\n{report}" if report else "")
+
+
+def end_and_judge(daemons) -> list:
+    """Ends and judges the test's daemons, then those that the init script started on their
+    boxes (again, for any that a restart under way brought up meanwhile): the problems found."""
+    boxes = list(dict.fromkeys(daemon.box for daemon in daemons))
+    problems, judged, group = [], set(), list(daemons)
+    while group:
+        problems += end_all(group)
+        problems += [problem for problem in map(judgement, group) if problem is not None]
+        judged.update(daemon.pid for daemon in group)
+        group = [RestartedDaemon(box, pid) for box in boxes for pid in restarted_pids(box) if pid not in judged]
+    return problems
 
 
 # ---------------------------------------------------------------------------------------------
@@ -309,14 +523,14 @@ def box(make_box) -> tavisim.Box:
 @pytest.fixture
 def tavid(make_box):
     """Factory tavid(box, args=(), port=None, listen=True, wrapper=()) -> Daemon, started and,
-    with listen, listening. Every daemon is ended at the end of the test, before its box goes:
-    all of them are given SIGTERM before any is waited for, so that each stops its streaming
-    child while the box is still there; one still running after that wait is ended by
-    finish()."""
+    with listen, listening. At the end of the test, before the boxes go, every daemon started
+    here or by the init script of their boxes is ended and judged (end_and_judge): the test
+    fails when one did not end with status 0 on SIGTERM or left a report of a checker."""
     tavid_bin()  # skips the test before anything starts when there is no daemon
+    become_subreaper()
     daemons = []
 
-    def start(box: tavisim.Box, args=(), port: int | None = None, listen: bool = True,
+    def start(box: tavisim.Box, args=(), port: int | str | None = None, listen: bool = True,
               wrapper=()) -> Daemon:
         daemon = Daemon(box, args, port, wrapper)
         daemons.append(daemon)
@@ -324,12 +538,9 @@ def tavid(make_box):
         return daemon.wait_listening() if listen else daemon
 
     yield start
-    for daemon in daemons:
-        daemon.terminate()
-    for daemon in daemons:
-        daemon.ended()
-    for daemon in daemons:
-        daemon.finish()
+    problems = end_and_judge(daemons)
+    if problems:
+        pytest.fail("\n\n".join(problems), pytrace=False)
 
 
 # ---------------------------------------------------------------------------------------------
@@ -406,6 +617,44 @@ def new_log_lines(daemon: Daemon, since: int) -> list:
     return log_lines(daemon.stderr()[since:], leave_out=TS_TRACES)
 
 
+# One message line, or one blank line (the poll cycle writes one around each sync and apply).
+_MESSAGE_LINE = re.compile(rb"\x1b\[0mtavid \[MSG\]: (.*?)\x1b\[0m\n\r|\n\r", re.DOTALL)
+
+
+def messages(output: bytes) -> list:
+    """The texts of the message lines of a standard output stream, in order, without the blank
+    lines. Anything in the stream that is neither fails the test."""
+    texts, position = [], 0
+    while position < len(output):
+        line = _MESSAGE_LINE.match(output, position)
+        assert line is not None, f"no message line at byte {position}: {output[position:position + 400]!r}"
+        if line.group(1) is not None:
+            texts.append(line.group(1).decode(errors="replace"))
+        position = line.end()
+    return texts
+
+
+def new_messages(daemon: Daemon, since: int) -> list:
+    """The texts of the messages that the daemon wrote after the first `since` bytes of its
+    standard output."""
+    return messages(daemon.stdout()[since:])
+
+
+# How many times the first poll cycle syncs the PSI of a module, by mode: twice in IP SPTS mode,
+# where the IP output syncs its transport streams and then, in the nested cycle, what that
+# first sync changed in them. Every PSI sync ends with the letter "C".
+FIRST_POLL_PSI_SYNCS = {"rf": 0, "ip_spts": 2, "ip_mpts": 0}
+PSI_SYNCED = wrn_line("hal_mod_tarn_sync_psi", "C")
+
+
+def first_start_lines(mode: str) -> list:
+    """The warning lines of a first start without a settings file (checksum traces left out):
+    the first poll cycle's PSI syncs, then the restore that finds no file."""
+    return [PSI_SYNCED] * FIRST_POLL_PSI_SYNCS[mode] + [
+        wrn_line("cmd_restore_settings", "Could not open settings file for restoring..."),
+        wrn_line("main", "Could not restore settings...")]
+
+
 # ---------------------------------------------------------------------------------------------
 # Requests by object, and their replies
 
@@ -449,6 +698,26 @@ def rf_frequency(daemon: Daemon, output_id: str = "0") -> str:
     return get(daemon, "output_rf_mod", output_id=output_id)["result"]["frequency"]
 
 
+def compact(value) -> bytes:
+    """A JSON value as the daemon writes it: compact, keys in their order."""
+    return json.dumps(value, separators=(",", ":"), ensure_ascii=False).encode()
+
+
+# The objects whose instances the settings file holds, in the order of the daemon's object table.
+STORED_OBJECTS = ("device", "input_hdmi", "output_rf", "output_ip")
+
+
+def settings_text(daemon: Daemon) -> bytes:
+    """What a store writes now: for every instance of every stored object, in order, a "set"
+    request whose arguments are what a get answers for that instance, and "\\n\\r"."""
+    records = []
+    for obj in STORED_OBJECTS:
+        reply = json.loads(send(daemon, "get", obj))
+        records += [compact({"action": "set", "object": obj, "args": args}) + b"\n\r"
+                    for args in reply.get("arrayedResult", [])]
+    return b"".join(records)
+
+
 # ---------------------------------------------------------------------------------------------
 # Waiting for the box
 
@@ -466,10 +735,11 @@ def led_cleared(box: tavisim.Box, mode: str) -> bool:
 
 
 def ready(box: tavisim.Box, daemon: Daemon):
-    """The first poll pass is over (settings restored, the mode's alarm LED cleared): the next
-    request is served after it."""
+    """The first poll pass is over (settings restored, the mode's alarm LED cleared, the
+    temperature read): a request answered after the LED was cleared proves the rest of it."""
     wait_for(lambda: led_cleared(box, box.mode) or not daemon.running(), what="alarm LED cleared")
     assert daemon.running(), daemon.stderr()
+    barrier(daemon)
 
 
 def settle(box: tavisim.Box, quiet: float = 0.3, timeout: float = REPLY_WAIT):
@@ -486,11 +756,8 @@ def settle(box: tavisim.Box, quiet: float = 0.3, timeout: float = REPLY_WAIT):
 
 def restarted_pid(box: tavisim.Box) -> int | None:
     """The daemon that the init script started last, if any."""
-    try:
-        pids = Path(box.path("tavid.pid")).read_text().split()
-    except FileNotFoundError:
-        return None
-    return int(pids[-1]) if pids else None
+    pids = restarted_pids(box)
+    return pids[-1] if pids else None
 
 
 def start_ready(make_box, tavid, mode: str, *args, prepare=None, box: tavisim.Box | None = None,
@@ -507,6 +774,33 @@ def start_ready(make_box, tavid, mode: str, *args, prepare=None, box: tavisim.Bo
     if at_rest:
         settle(box)
     return box, daemon
+
+
+# How long the daemon may take. The constants are the daemon's own: what it waits for by
+# design. A lower bound is such a constant alone, as the daemon cannot be quicker than what it
+# waits for; an upper bound adds SLOW, the time that the work around the wait may take when the
+# daemon runs under valgrind's memcheck (20 to 50 times slower than natively) or qemu-arm on a
+# loaded 2-core machine. A bound only has to tell the documented wait from a wrong one: the
+# next longer wait of the daemon is the module's 30 s, and the tests' own patience is
+# REPLY_WAIT.
+READ_SILENCE = 0.05  # a request ends after 50 ms without a byte
+NETSETTINGS_WAIT = 5.0  # the network-settings service is given 5 s to answer
+QEL2IP_STOP_WAIT = 5.0  # the streaming program is polled 500 times, 10 ms apart, after SIGTERM
+MODULE_WAIT = 30.0  # a busy module is waited for 30 s
+SLOW = 10.0
+
+
+def barrier(daemon: Daemon, passes: int = 1):
+    """Returns once the daemon has run `passes` whole poll cycles after the request it answered
+    last. The main loop serves at most one connection per pass and runs the pass's poll cycle
+    right after it, and that cycle makes every sync and apply that the request brought (the
+    nested cycles run within it): the answer to one more request proves it over. Two passes
+    also prove the cycle after that one over, which must have found nothing left to do, and a
+    whole cycle after a change that did not come through a request (a file or a module changed
+    by the test), which may have met a cycle already under way. The request needs no module
+    and leaves no log line."""
+    for _ in range(passes):
+        assert request(daemon.port, b"[]") == error("JSON command is invalid (JSON object)")
 
 
 # ---------------------------------------------------------------------------------------------
@@ -567,6 +861,12 @@ def events(box: tavisim.Box) -> list:
 
 def bitrate(daemon: Daemon) -> bytes:
     return send(daemon, "get", "output_ip_status", output_id="0")
+
+
+def ip_apply(*texts: str) -> list:
+    """The messages of an apply of the IP output, with these of the streaming program inside."""
+    return ["<APPLY_REQUIRED> hal_output_ip (0)", "<APPLY> hal_output_ip", "<APPLY_SETTINGS>", *texts,
+            "</APPLY_SETTINGS>", "</APPLY>", "</APPLY_REQUIRED> hal_output_ip (0)"]
 
 
 def gone(pid: int) -> bool:

@@ -1,13 +1,14 @@
 """Command-line options: every refusal prints its error line and exits with status 0."""
 
 import signal
-import time
+from pathlib import Path
 
 import pytest
 
-from conftest import err, matches, run_tavid
+from conftest import answers, err, listening_sockets, log_lines, matches, run_tavid, wait_for
 
 BAD_PORT = "Option '{}' recieved an invalid port number. Please use valid number between 0 and 65535."
+DEFAULT_PORT = 49999
 BAD_MODE = "Option '{}' received an unknown output mode. Please choose \"rf\", \"ip_spts\" or \"ip_mpts\"."
 
 
@@ -61,11 +62,22 @@ def test_without_a_box_root_the_host_build_refuses_to_start(root):
                                "TAVID_ROOT must name an existing absolute directory (the simulated box)")), errors
 
 
-def test_an_empty_port_is_port_zero(box, tavid):
-    daemon = tavid(box, ["-c", ""], listen=False)
-    time.sleep(0.5)
-    assert daemon.running()
-    assert b"[ERR]" not in daemon.stderr()
+def ephemeral_ports() -> range:
+    """The ports the kernel picks from for a socket bound to port 0."""
+    low, high = map(int, Path("/proc/sys/net/ipv4/ip_local_port_range").read_text().split())
+    return range(low, high + 1)
+
+
+def test_an_empty_port_is_port_zero_and_the_kernel_picks_the_port(box, tavid):
+    daemon = tavid(box, port="", listen=False)  # the command line's only -c is -c ""
+    wait_for(lambda: listening_sockets(daemon.pid) or not daemon.running(), what="a listening socket")
+    ((address, port),) = listening_sockets(daemon.pid)
+    # Every IPv4 address, on a port from the kernel's own range; not the default port.
+    assert address == "0.0.0.0"
+    assert port in ephemeral_ports() and port != DEFAULT_PORT, port
+    daemon.port = port
+    answers(daemon)
+    assert [line for line in log_lines(daemon.stderr()) if line[0] == "ERR"] == []
     assert daemon.stop(signal.SIGTERM) == 0
 
 

@@ -5,7 +5,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import error, request
+from conftest import error, request, settings_text
 
 
 def warning(description: str) -> bytes:
@@ -58,6 +58,7 @@ def test_store_settings_writes_one_set_request_per_instance_in_table_order(box, 
         ("set", "input_hdmi", "input_id", "2"), ("set", "input_hdmi", "input_id", "3"),
         ("set", "output_rf", "output_id", "0"), ("set", "output_rf", "output_id", "1"),
     ]
+    assert text == settings_text(daemon)
 
 
 def test_execute_takes_arrayed_args_element_by_element(box, tavid):

@@ -10,8 +10,9 @@ from pathlib import Path
 
 import pytest
 
-from conftest import (INPUT_MODULES, MODES, err, error, get, matches, module_parameters, msg, send, settle,
-                      start_ready, tcp_listening, wait_for, wrn)
+from conftest import (FIRST_POLL_PSI_SYNCS, INPUT_MODULES, MODES, TS_TRACES, err, error, first_start_lines, get,
+                      log_lines, matches, module_parameters, msg, new_log_lines, send, settle, start_ready,
+                      tcp_listening, wait_for, wrn, wrn_line)
 
 # The id key of every object that stands for a HAL instance, and how many instances each mode has.
 OBJECTS = {
@@ -76,6 +77,22 @@ def ids(reply: dict, key: str) -> list:
     return [element[key] for element in reply["arrayedResult"]]
 
 
+def elements(reply: bytes) -> bytes:
+    """What a reply to a get of one instance gives a get of all instances, byte for byte: its
+    result, or the elements of its arrayed result."""
+    for head, tail in ((b'{"result":', b"}"), (b'{"arrayedResult":[', b"]}")):
+        if reply.startswith(head) and reply.endswith(tail):
+            return reply[len(head):len(reply) - len(tail)]
+    raise AssertionError(f"not the reply to a get: {reply!r}")
+
+
+def every_instance(daemon, obj: str, key: str, count: int) -> bytes:
+    """The reply to a get of all instances of the object as the gets of each instance make it:
+    their results in instance order, in one arrayed result."""
+    parts = [elements(send(daemon, "get", obj, **{key: str(n)})) for n in range(count)]
+    return b'{"arrayedResult":[' + b",".join(part for part in parts if part) + b"]}"
+
+
 def instances(mode: str, obj: str) -> int:
     counts = COUNTS[mode]
     if obj.startswith("device"):
@@ -103,6 +120,7 @@ def test_a_get_without_id_returns_every_instance_with_its_id(make_box, tavid, mo
             assert reply == error(f"JSON command is missing a mandatory argument ({key})"), obj
         else:
             assert ids(json.loads(reply), key) == [str(n) for n in range(count)], obj
+            assert reply == every_instance(daemon, obj, key, count), obj
 
 
 @pytest.mark.parametrize("mode", MODES)
@@ -111,11 +129,15 @@ def test_service_and_stream_lists_of_all_instances_are_joined(make_box, tavid, m
     inputs = COUNTS[mode]["input"]
     assert ids(get(daemon, "input_hdmi_services"), "input_id") == [str(n) for n in range(inputs)]
     assert ids(get(daemon, "input_hdmi_streams"), "input_id") == [str(n) for n in range(inputs) for _ in "av"]
+    for obj in ("input_hdmi_services", "input_hdmi_streams"):
+        assert send(daemon, "get", obj) == every_instance(daemon, obj, "input_id", inputs), obj
     name, _ = OUTPUT_TS_TAGS[mode]
     outputs = len(OUTPUT_TS_TAGS[mode][1])
     # Every output offers every service of every input it can carry.
     assert ids(get(daemon, f"{name}_services"), "output_id") == [str(n) for n in range(outputs)
                                                                  for _ in range(inputs)]
+    assert send(daemon, "get", f"{name}_services") == every_instance(daemon, f"{name}_services", "output_id",
+                                                                     outputs)
 
 
 @pytest.mark.parametrize("mode", MODES)
@@ -123,13 +145,17 @@ def test_an_unknown_instance_number_returns_every_instance(make_box, tavid, mode
     _, daemon = start_ready(make_box, tavid, mode)
     assert ids(get(daemon, "input_hdmi_enc", input_id="7"), "input_id") == [
         str(n) for n in range(COUNTS[mode]["input"])]
+    assert send(daemon, "get", "input_hdmi_enc", input_id="7") == send(daemon, "get", "input_hdmi_enc")
     assert get(daemon, "device", device_id="0x0") == {"result": {"output_mode": mode, "device_id": "0"}}
 
 
 def test_the_rf_outputs_answer_by_hexadecimal_id_and_a_leading_zero_is_no_number(make_box, tavid):
     _, daemon = start_ready(make_box, tavid, "rf")
     assert get(daemon, "output_rf_status", output_id="0x1")["result"]["output_id"] == "1"
+    assert send(daemon, "get", "output_rf_status", output_id="0x1") == send(daemon, "get", "output_rf_status",
+                                                                            output_id="1")
     assert ids(get(daemon, "output_rf_status", output_id="08"), "output_id") == ["0", "1"]
+    assert send(daemon, "get", "output_rf_status", output_id="08") == send(daemon, "get", "output_rf_status")
 
 
 # ---------------------------------------------------------------------------------------------
@@ -220,7 +246,7 @@ def expected_first_poll(mode: str) -> list:
     if mode == "rf":
         return [(0x30, "apply"), (0x32, "apply")] + [(addr, "apply") for addr in INPUT_MODULES[mode]]
     if mode == "ip_spts":
-        return [(0x32, command) for command in IP_SYNC_PUSH * 2] + [(0x32, "apply")]
+        return [(0x32, command) for command in IP_SYNC_PUSH * FIRST_POLL_PSI_SYNCS[mode]] + [(0x32, "apply")]
     return [(addr, "apply") for addr in INPUT_MODULES[mode]]
 
 
@@ -308,11 +334,12 @@ def test_a_missing_module_fails_the_assembly_and_the_daemon_ends(make_box, tavid
 def test_a_module_missing_after_the_inputs_were_read_only_fails_its_commands(make_box, tavid):
     box, daemon = start_ready(make_box, tavid, "rf")
     settle(box)
+    since = len(daemon.stderr())
     box.bus.set_absent(0x32)
     reply = send(daemon, "get", "output_rf_mod", output_id="1")
     assert reply == b'{"warningCode":1103,"description":"JSON command unsuccessful (error: 13)"}'
-    assert re.search(wrn("mod_tarn_get_output_type", "mod_tarn_2 - Could not get output type (hdmi i2c error)"),
-                     daemon.stderr())
+    assert new_log_lines(daemon, since) == [
+        wrn_line("mod_tarn_get_output_type", "mod_tarn_2 - Could not get output type (hdmi i2c error)")]
     assert daemon.running()
 
 
@@ -347,6 +374,10 @@ def test_an_alarm_led_that_cannot_be_written_is_warned_about(make_box, tavid, mo
     daemon = tavid(box, ["-m", mode])
     line = wrn("hal_device_clear_alarm_led", f"Could not open alarm led {blocked}...")
     wait_for(lambda: re.search(line + wrn("main", "Alarm led not cleared..."), daemon.stderr()), what="LED warnings")
+    # The LED is cleared after the settings were restored.
+    assert log_lines(daemon.stderr(), leave_out=TS_TRACES) == first_start_lines(mode) + [
+        wrn_line("hal_device_clear_alarm_led", f"Could not open alarm led {blocked}..."),
+        wrn_line("main", "Alarm led not cleared...")]
     # The trigger is written first; a trigger that cannot be written leaves the brightness alone.
     other = "brightness" if blocked == "trigger" else "trigger"
     assert Path(box.path(f"{led}/{other}")).read_text() == ("1\n" if blocked == "trigger" else "none")

@@ -12,8 +12,10 @@ from functools import partial
 import pytest
 
 import tavisim
-from conftest import (INPUT_MODULES, MODES, UNSUCCESSFUL, contains, count, error, get, module_parameters, msg,
-                      ready, record_arg, remove_box, request, send, settle, slots, start_ready, wait_for, wrn)
+from conftest import (INPUT_MODULES, MODES, NETSETTINGS_WAIT, PSI_SYNCED, SLOW, TS_TRACES, UNSUCCESSFUL, barrier,
+                      count, error, first_start_lines, get, log_lines, module_parameters, msg, new_log_lines,
+                      new_messages, ready, record_arg, remove_box, request, send, settle, slots, start_ready, wait_for,
+                      wrn_line)
 
 JSON_ERROR = b'{"warningCode":1103,"description":"JSON error"}'
 
@@ -66,7 +68,7 @@ def test_device_answers_its_mode_and_refuses_set_and_bad_modes(make_box, tavid, 
 def test_executing_the_current_mode_changes_nothing(make_box, tavid, mode):
     box, daemon = start(make_box, tavid, mode)
     assert send(daemon, "execute", "device", device_id="0", output_mode=mode) == b"{}"
-    time.sleep(0.2)
+    barrier(daemon)  # a restart would have ended the main loop before it served this
     assert daemon.running()
     assert box.calls() == []
     assert box.stored_settings()["exists"] is False
@@ -86,11 +88,12 @@ def test_temperature_is_whole_degrees_rounded_down(make_box, tavid):
 @pytest.mark.parametrize("mode", MODES)
 def test_a_missing_sensor_file_fails_the_status_and_warns(make_box, tavid, mode):
     box, daemon = start(make_box, tavid, mode, prepare=lambda box: box.set_temperature(None))
-    line = wrn("hal_device_update_temperature", "Could not open temp sensor...")
-    # The start-up read warns once; the daemon carries on.
-    assert count(line, daemon.stderr()) == 1
+    line = wrn_line("hal_device_update_temperature", "Could not open temp sensor...")
+    # The start-up read warns once, after the settings were restored; the daemon carries on.
+    assert log_lines(daemon.stderr(), leave_out=TS_TRACES) == first_start_lines(mode) + [line]
+    since = len(daemon.stderr())
     assert send(daemon, "get", "device_status", device_id="0") == UNSUCCESSFUL % 13
-    assert count(line, daemon.stderr()) == 2
+    assert new_log_lines(daemon, since) == [line]
     box.set_temperature(51500)
     assert send(daemon, "get", "device_status", device_id="0") == b'{"result":{"temperature":"51","device_id":"0"}}'
 
@@ -163,8 +166,9 @@ def test_input_stream_set_needs_both_tags(make_box, tavid):
 def test_debug_code_set_without_state_is_a_json_error(make_box, tavid):
     box, daemon = start(make_box, tavid, "rf")
     clear_logs(box)
+    since = len(daemon.stderr())
     assert send(daemon, "set", "debug_code", id="0", code="7") == JSON_ERROR
-    assert count(wrn("cmd_json_set_input_hdmi_hw_debug_code", "JSON error"), daemon.stderr()) == 1
+    assert new_log_lines(daemon, since) == [wrn_line("cmd_json_set_input_hdmi_hw_debug_code", "JSON error")]
     name = record_arg(daemon)
     reply = request(daemon.port, b'{"action":"set","object":"debug_code","args":{"id":"0","state":1,"code":"7"}}')
     assert reply == error(f"JSON command argument not found ({name})")
@@ -174,9 +178,10 @@ def test_debug_code_set_without_state_is_a_json_error(make_box, tavid):
 def test_debug_code_set_reaches_the_module_and_forces_an_apply(make_box, tavid):
     box, daemon = start(make_box, tavid, "rf", "-v")
     clear_logs(box)
+    since = len(daemon.stderr())
     assert send(daemon, "set", "debug_code", id="2", code="50", state="1") == b"{}"
     assert frames(box, 0x32)[0] == ("set_hw_debug_code", "236b0232010d")
-    assert count(wrn("cmd_json_set_input_hdmi_hw_debug_code", "A"), daemon.stderr()) == 1
+    assert new_log_lines(daemon, since) == [wrn_line("cmd_json_set_input_hdmi_hw_debug_code", "A")]
     # Nothing of the input's settings changed, yet it is applied.
     wait_for(lambda: ("apply", "2370000d") in frames(box, 0x32), what="apply after the debug code")
     settle(box)
@@ -280,19 +285,24 @@ def test_rf_status_overflow_and_configured_bitrate(make_box, tavid):
 def test_calibration_logs_its_traces_and_reaches_the_module(make_box, tavid):
     box, daemon = start(make_box, tavid, "rf")
     clear_logs(box)
+    since = len(daemon.stderr())
     assert send(daemon, "set", "output_calibration", output_id="1", enabled="1", i="-3", q="0x7f") == b"{}"
     assert frames(box, 0x32)[0] == ("set_cal", "236103" + "01" + "fd" + "7f" + "0d")
     assert changes(box, 0x32) == ["set_cal"]
-    assert count(wrn("cmd_json_set_output_rf_cal", "B"), daemon.stderr()) == 1
+    assert new_log_lines(daemon, since) == [wrn_line("cmd_json_set_output_rf_cal", "B")]
+    since = len(daemon.stderr())
     assert send(daemon, "get", "output_calibration", output_id="1") == b'{"result":{"i":"-3","q":"127","output_id":"1"}}'
-    assert count(wrn("cmd_json_get_output_rf_cal", "GET CAL"), daemon.stderr()) == 1
+    assert new_log_lines(daemon, since) == [wrn_line("cmd_json_get_output_rf_cal", "GET CAL")]
+    since = len(daemon.stderr())
     assert send(daemon, "set", "output_calibration", output_id="1", enabled="1", i="1") == JSON_ERROR
-    assert count(wrn("cmd_json_set_output_rf_cal", "JSON error"), daemon.stderr()) == 1
-    assert count(wrn("cmd_json_set_output_rf_cal", "B"), daemon.stderr()) == 1
+    assert new_log_lines(daemon, since) == [wrn_line("cmd_json_set_output_rf_cal", "JSON error")]
     # A failing get still leaves its trace first.
+    since = len(daemon.stderr())
     box.bus.set_absent(0x32)
     assert send(daemon, "get", "output_calibration", output_id="1") == UNSUCCESSFUL % 13
-    assert count(wrn("cmd_json_get_output_rf_cal", "GET CAL"), daemon.stderr()) == 2
+    assert new_log_lines(daemon, since) == [
+        wrn_line("cmd_json_get_output_rf_cal", "GET CAL"),
+        wrn_line("mod_tarn_get_cal", "mod_tarn_2 - Could not get calibration info (hdmi i2c error)")]
 
 
 def test_on_an_rf_output_only_the_on_off_switch_of_a_service_lasts(make_box, tavid):
@@ -374,12 +384,12 @@ def test_rf_multiplexers_each_choose_a_master_that_announces_the_other_service(m
 
 def test_ip_mpts_multiplexer_master_announces_every_other_switched_on_service(make_box, tavid):
     box, daemon = start(make_box, tavid, "ip_mpts", "-v")
+    since_out, since_err = len(daemon.stdout()), len(daemon.stderr())
     # Input 0's service (tag 3) first, so that no other input is ever the master: a former
     # master keeps the extra services it was last given.
     for tag in ("3", "2", "1", "0"):
         assert send(daemon, "set", "output_ip_services", output_id="0", service_tag=tag, enabled="1") == b"{}"
-    wait_for(lambda: slots(box, 0x30)[2]["enable"] == 1, what="slots of the master")
-    settle(box)
+    barrier(daemon, 2)
     # Input 0 is the master; the slots follow the multiplexer's list, where the service of the
     # input mirrored last stands first: inputs 3, 2, 1.
     assert slots(box, 0x30) == [slot_of(3), slot_of(2), slot_of(1)]
@@ -387,31 +397,43 @@ def test_ip_mpts_multiplexer_master_announces_every_other_switched_on_service(ma
         assert slots(box, addr) == [EMPTY_SLOT] * 3
     # The slots take effect with the module's next apply, which a change of its input brings.
     assert send(daemon, "set", "input_hdmi_enc", input_id="0", video_gopsize="24") == b"{}"
-    wait_for(lambda: len(psi(box, 0x30)) == 4, what="PSI of the master")
+    barrier(daemon, 2)
     assert psi(box, 0x30) == [own_service(0x30, 0), own_service(0x33, 3, slot=0), own_service(0x32, 2, slot=1),
                               own_service(0x31, 1, slot=2)]
-    out = daemon.stdout()
-    assert re.search(msg("Enable TSIN (MASTER)"), out)
-    assert count(msg("PID filter (BLOCK PSI PIDs)"), out) >= 3
+    # Each switch is synced by the multiplexer once, with input 0 its master and the PSI of
+    # every other input switched on blocked: none, then one, two and three of them. Each sync
+    # gives the master's module all the other services again, the one mirrored last first.
+    out = daemon.stdout()[since_out:]
+    assert count(msg("Enable TSIN (MASTER)"), out) == 4
+    assert count(msg("PID filter (BLOCK PSI PIDs)"), out) == 0 + 1 + 2 + 3
     for slot, name in enumerate(("HDMI 4", "HDMI 3", "HDMI 2")):
-        assert re.search(msg(f'Add PSI for service ["{name}"] (slot: {slot})'), out)
+        assert count(msg(f'Add PSI for service ["{name}"] (slot: {slot})'), out) == 1
+    assert new_log_lines(daemon, since_err) == [PSI_SYNCED] * 4
 
 
 def test_ip_spts_announces_no_extra_service(make_box, tavid):
     box, daemon = start(make_box, tavid, "ip_spts", "-v")
     clear_logs(box)
+    since_out, since_err = len(daemon.stdout()), len(daemon.stderr())
     assert send(daemon, "set", "output_ip_services", output_id="0", service_tag="0", enabled="1") == b"{}"
-    wait_for(lambda: any(command == "apply" for command, _ in frames(box, 0x32)), what="apply")
-    settle(box)
+    barrier(daemon, 2)
+    assert any(command == "apply" for command, _ in frames(box, 0x32))
     assert psi(box, 0x32) == [own_service(0x32, 0)]
     assert [frame for command, frame in frames(box, 0x32) if command == "set_extra_service_info_enable"] == [
         "236202" + f"{slot:02x}" + "000d" for slot in range(3)]
-    assert count(msg("Remove PSI (slot: 0)"), daemon.stdout()) >= 1
-    assert count(wrn("hal_mod_tarn_sync_psi", "C"), daemon.stderr()) >= 3
-    # The output's TS identity goes back to the module, followed by a message line without text.
-    assert re.search(msg('Update TSIN (TSID: 0, ONID: 0, NID: 0, private_data_spec: 0, network_name: "", '
-                         'network_version: 0)') + msg("") + msg('Update service (tag: 0, name: "HDMI 1", enabled: 1)')
-                     + msg("Update PSI") + msg("<SYNC_PSI> hal_mod_tarn"), daemon.stdout())
+    # One sync: the output's TS identity goes back to the module, followed by a message line
+    # without text, and every slot of the module is emptied.
+    out = new_messages(daemon, since_out)
+    first = out.index("<SYNC> hal_output_ip")
+    assert out.count("<SYNC> hal_output_ip") == 1
+    assert out[first:out.index("</SYNC> hal_output_ip") + 1] == [
+        "<SYNC> hal_output_ip", "<SYNC_TSOUT>", 'Update service (tag: 0, name: "HDMI 1", enabled: 1)', "</SYNC_TSOUT>",
+        "<SYNC_TSIN>",
+        'Update TSIN (TSID: 0, ONID: 0, NID: 0, private_data_spec: 0, network_name: "", network_version: 0)', "",
+        'Update service (tag: 0, name: "HDMI 1", enabled: 1)', "Update PSI", "<SYNC_PSI> hal_mod_tarn",
+        "Remove PSI (slot: 0)", "Remove PSI (slot: 1)", "Remove PSI (slot: 2)", "</SYNC_PSI> hal_mod_tarn",
+        "</SYNC_TSIN>", "</SYNC> hal_output_ip"]
+    assert new_log_lines(daemon, since_err) == [PSI_SYNCED]
 
 
 @pytest.mark.parametrize("mode, obj, number, first_sync, output", [
@@ -425,15 +447,16 @@ def test_a_changed_input_service_is_synced_through_to_the_output_before_the_inpu
     tag = get(daemon, obj, input_id=number)["arrayedResult"][0]["service_tag"]
     mark = len(daemon.stdout())
     assert send(daemon, "set", obj, input_id=number, service_tag=tag, sid="0x99") == b"{}"
+    barrier(daemon, 2)
     addr = INPUT_MODULES[mode][int(number)]
-    wait_for(lambda: module_parameters(box, addr)["sid"] == 0x99, what="SID applied")
-    settle(box)
-    out = daemon.stdout()[mark:]
-    assert contains(out, msg(f"<SYNC_REQUIRED> {first_sync}"), msg(f"<SYNC_REQUIRED> {output}"),
-                    msg(f"<APPLY_REQUIRED> hal_input_hdmi ({number})"))
-    # Nothing is applied before the last sync.
-    last_sync = out.rindex(b"</SYNC_REQUIRED>")
-    assert b"<APPLY_REQUIRED>" not in out[:last_sync]
+    assert module_parameters(box, addr)["sid"] == 0x99
+    required = [text for text in new_messages(daemon, mark) if text.startswith(("<SYNC_REQUIRED>", "<APPLY_REQUIRED>"))]
+    syncs = [text for text in required if text.startswith("<SYNC_REQUIRED>")]
+    assert syncs[0] == f"<SYNC_REQUIRED> {first_sync}" and f"<SYNC_REQUIRED> {output}" in syncs
+    # Nothing is applied before the last sync; then the input, and an IP output whose offered
+    # service changed (an RF output only syncs such a change).
+    applies = [f"<APPLY_REQUIRED> {output}"] if output.startswith("hal_output_ip") else []
+    assert required == syncs + applies + [f"<APPLY_REQUIRED> hal_input_hdmi ({number})"]
     name = "output_rf_services" if mode == "rf" else "output_ip_services"
     services = get(daemon, name, output_id="0")["arrayedResult"]
     assert [service["sid"] for service in services if service["service_tag"] == tag] == ["153"]
@@ -556,31 +579,37 @@ def test_ifconfig_set_refused_by_the_service_does_not_restart(net_box, tavid):
 def test_ifconfig_with_the_service_down_fails_and_warns(net_box, tavid):
     box, daemon = net_daemon(net_box, tavid)
     box.netsettings.set_fault("down")
+    since = len(daemon.stderr())
     assert send(daemon, "get", "output_ip_ifconfig") == UNSUCCESSFUL % 13
     assert send(daemon, "set", "output_ip_ifconfig", address="10.0.0.7") == UNSUCCESSFUL % 13
     text = "Could not connect to TCP command interface on localhost:49998"
-    assert count(wrn("cmd_json_get_output_ip_ifconfig", text), daemon.stderr()) == 1
-    assert count(wrn("cmd_json_set_output_ip_ifconfig", text), daemon.stderr()) == 1
+    assert new_log_lines(daemon, since) == [
+        wrn_line("inet_create_tcp_client_socket", "Could not connect socket"),
+        wrn_line("cmd_json_get_output_ip_ifconfig", text),
+        wrn_line("inet_create_tcp_client_socket", "Could not connect socket"),
+        wrn_line("cmd_json_set_output_ip_ifconfig", text)]
     assert box.calls() == []
 
 
 def test_ifconfig_answer_that_is_not_json_is_a_json_error(net_box, tavid):
     box, daemon = net_daemon(net_box, tavid)
     box.netsettings.set_fault("garbage", garbage="<html>")
+    since = len(daemon.stderr())
     assert send(daemon, "get", "output_ip_ifconfig") == JSON_ERROR
     assert send(daemon, "set", "output_ip_ifconfig", address="10.0.0.8") == JSON_ERROR
-    assert count(wrn("cmd_json_get_output_ip_ifconfig", "JSON error"), daemon.stderr()) == 1
-    assert count(wrn("cmd_json_set_output_ip_ifconfig", "JSON error"), daemon.stderr()) == 1
+    assert new_log_lines(daemon, since) == [wrn_line("cmd_json_get_output_ip_ifconfig", "JSON error"),
+                                            wrn_line("cmd_json_set_output_ip_ifconfig", "JSON error")]
     assert box.calls() == []
 
 
 def test_ifconfig_service_that_never_answers_times_out_after_5_s(net_box, tavid):
     box, daemon = net_daemon(net_box, tavid)
     box.netsettings.set_fault("silent")
+    since = len(daemon.stderr())
     started = time.monotonic()
     reply = send(daemon, "get", "output_ip_ifconfig")
-    assert 4.9 <= time.monotonic() - started < 8
+    assert NETSETTINGS_WAIT <= time.monotonic() - started < NETSETTINGS_WAIT + SLOW
     # The get produced no value: there is nothing to put under "result".
     assert reply == b'{"warningCode":1103,"description":"JSON command unsuccessful (error: 8)"}'
-    assert count(wrn("cmd_json_get_output_ip_ifconfig",
-                     "Timeout while waiting for POLL response on TCP command interface"), daemon.stderr()) == 1
+    assert new_log_lines(daemon, since) == [wrn_line(
+        "cmd_json_get_output_ip_ifconfig", "Timeout while waiting for POLL response on TCP command interface")]

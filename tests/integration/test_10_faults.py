@@ -15,9 +15,9 @@ from pathlib import Path
 
 import pytest
 
-from conftest import (START_WAIT, TS_TRACES, UNSUCCESSFUL, answers, err_line, get, log_lines, module_parameters,
-                      new_log_lines, ready, rf_frequency, send, settle, slots, start_ready, tcp_listening, took,
-                      wait_for, wrn_line)
+from conftest import (MODULE_WAIT, START_WAIT, TS_TRACES, UNSUCCESSFUL, answers, barrier, err_line, get, log_lines,
+                      module_parameters, new_log_lines, ready, rf_frequency, send, settle, slots, start_ready,
+                      tcp_listening, took, wait_for, wrn_line)
 
 # Command codes of the module protocol.
 SET_FREQUENCY = 0x03
@@ -27,7 +27,9 @@ ALL_CODES = range(0x100)
 
 NACKS = 5  # refused transfers: well within the 500 ms for which the driver retries a transfer
 BUSY_MS = 50  # well within the 30 s for which the driver waits for a busy module
-TRANSACTION_MS = 2000  # a module that stays busy while the test acts in its transaction
+# A module that stays busy while the test acts in its transaction, until the test mends it:
+# well within the time for which the driver waits.
+TRANSACTION_MS = int(MODULE_WAIT * 1000) // 2
 
 FACTORY_FREQUENCY = 474000  # module 0x30's
 NEW_FREQUENCY = 498000
@@ -99,7 +101,7 @@ def replied(box, addr: int, code: int | None, check) -> bool:
 # How the bus and command logs show that the fault was met.
 MET = {
     "absent": lambda box, addr, code, arg: refused(box, addr) > 0,
-    "nack": lambda box, addr, code, arg: refused(box, addr) >= NACKS,
+    "nack": lambda box, addr, code, arg: refused(box, addr) == NACKS,
     "busy": lambda box, addr, code, arg: refused(box, addr, b"\x00") > 0,  # the wait byte
     "unknown": lambda box, addr, code, arg: replied(box, addr, code, lambda entry, _: entry["error"] == 2),
     "error": lambda box, addr, code, arg: replied(box, addr, code, lambda entry, _: entry["error"] == int(arg)),
@@ -348,15 +350,16 @@ def test_without_the_bus_every_module_command_fails_until_it_is_back(make_box, t
     assert send(daemon, "get", "output_rf_mod", output_id="0") == UNSUCCESSFUL % 13
     assert send(daemon, "set", "output_rf_mod", output_id="0", frequency=str(NEW_FREQUENCY)) == UNSUCCESSFUL % 13
     answers(daemon)
-    assert new_log_lines(daemon, since) == [
-        wrn_line("mod_tarn_get_output_type", "mod_tarn_0 - Could not get output type (hdmi i2c error)"),
-        wrn_line("mod_tarn_set_frequency", "mod_tarn_0 - Could not set frequency (hdmi i2c error)")]
+    failed = [wrn_line("mod_tarn_get_output_type", "mod_tarn_0 - Could not get output type (hdmi i2c error)"),
+              wrn_line("mod_tarn_set_frequency", "mod_tarn_0 - Could not set frequency (hdmi i2c error)")]
+    assert new_log_lines(daemon, since) == failed
     assert not box.stored_settings()["exists"]
     box.open_bus()
     assert rf_frequency(daemon) == str(FACTORY_FREQUENCY)
     assert send(daemon, "set", "output_rf_mod", output_id="0", frequency=str(NEW_FREQUENCY)) == b"{}"
-    wait_for(lambda: module_parameters(box, 0x30)["frequency"] == NEW_FREQUENCY, what="the set applied")
-    assert len(new_log_lines(daemon, since)) == 2
+    barrier(daemon, 2)
+    assert module_parameters(box, 0x30)["frequency"] == NEW_FREQUENCY
+    assert new_log_lines(daemon, since) == failed
 
 
 def test_the_bus_going_away_in_the_middle_of_a_transaction(make_box, tavid):
@@ -369,12 +372,12 @@ def test_the_bus_going_away_in_the_middle_of_a_transaction(make_box, tavid):
     with ThreadPoolExecutor(1) as pool:
         pending = pool.submit(send, daemon, "set", "output_rf_mod", output_id="0", frequency=str(NEW_FREQUENCY))
         wait_for(lambda: took(box, 0x30, "set_frequency"), what="the frame taken")
+        assert box.module(0x30).busy()
         box.close_bus()
         assert pending.result() == UNSUCCESSFUL % 13
     assert new_log_lines(daemon, since) == [
         wrn_line("mod_tarn_set_frequency", "mod_tarn_0 - Could not set frequency (hdmi i2c error)")]
     box.module(0x30).clear_faults()
-    wait_for(lambda: not box.module(0x30).busy(), what="the module done")
     box.open_bus()
     assert module_parameters(box, 0x30)["frequency"] == FACTORY_FREQUENCY
     assert rf_frequency(daemon) == str(NEW_FREQUENCY)

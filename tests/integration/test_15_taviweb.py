@@ -16,8 +16,8 @@ import time
 
 import pytest
 
-from conftest import (MODES, REPLY_WAIT, START_WAIT, fetch, free_port, launcher, module_commands, post_api,
-                      ready, request, taviweb_bin, wait_for)
+from conftest import (MODES, REPLY_WAIT, START_WAIT, TCP_ESTABLISHED, fetch, free_port, launcher, module_commands,
+                      post_api, ready, request, taviweb_bin, tcp_sockets, wait_for)
 
 GET_DEVICE = b'{"action":"get","object":"device","args":{"device_id":"0"}}'
 METRICS_TYPE = "text/plain; version=0.0.4; charset=utf-8"
@@ -374,14 +374,7 @@ def test_a_request_waiting_on_a_stuck_daemon_is_answered_when_taviweb_stops(rf_b
 
 def tcp_connections(port: int) -> list:
     """The established connections to the port (the kernel's table)."""
-    rows = []
-    with open("/proc/net/tcp", encoding="ascii") as table:
-        next(table)
-        for row in table:
-            fields = row.split()
-            if int(fields[2].rsplit(":", 1)[1], 16) == port and fields[3] == "01":
-                rows.append(fields)
-    return rows
+    return [row for row in tcp_sockets() if row.remote_port == port and row.state == TCP_ESTABLISHED]
 
 
 # ---------------------------------------------------------------------------------------------

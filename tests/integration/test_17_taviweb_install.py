@@ -6,9 +6,12 @@ configured rc.d script, init.d/taviweb, and its parent is the build tree); TAVID
 the other tests.
 """
 
+import contextlib
 import os
 import shlex
 import subprocess
+import threading
+import time
 from pathlib import Path
 
 import pytest
@@ -62,12 +65,39 @@ class Script:
                     "TAVIWEB_LOG": str(self.log)}
 
     def run(self, action: str):
-        done = subprocess.run(["sh", str(self.path), action], env=self.env, capture_output=True,
-                              stdin=subprocess.DEVNULL, timeout=RUN_WAIT)
+        with reaping(self.pid() if self.pidfile.exists() else None):
+            done = subprocess.run(["sh", str(self.path), action], env=self.env, capture_output=True,
+                                  stdin=subprocess.DEVNULL, timeout=RUN_WAIT)
         return done.returncode, done.stdout.decode(), done.stderr.decode()
 
     def pid(self) -> int:
         return int(self.pidfile.read_text())
+
+
+@contextlib.contextmanager
+def reaping(pid: int | None):
+    """Collects the program the script started once it ends, while the script runs. The script
+    starts it in the background and ends, so it is orphaned: on the box init collects it; here it
+    may be the test process's own child (when the daemon fixtures have made the test process a
+    subreaper), and a child nobody collects stays a zombie that still counts as running."""
+    done = threading.Event()
+
+    def collect():
+        while pid is not None and not done.is_set():
+            try:
+                if os.waitpid(pid, os.WNOHANG)[0] == pid:
+                    return
+            except ChildProcessError:  # not the test process's child: init collects it
+                return
+            time.sleep(0.02)
+
+    collector = threading.Thread(target=collect)
+    collector.start()
+    try:
+        yield
+    finally:
+        done.set()
+        collector.join()
 
 
 @pytest.fixture

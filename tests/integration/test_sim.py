@@ -823,7 +823,8 @@ def test_busy_module_acknowledges_nothing_until_done(box):
     assert box.modules[MODULE].state()["faults"]["busy_ms"] == 300
     assert box.modules[0x31].state()["faults"]["busy_ms"] == 0
     assert control(box, {"cmd": "set_busy", "addr": MODULE, "ms": 0}) == {"ok": True}
-    time.sleep(0.35)
+    # The command taken last still runs its 300 ms; the next one finds the module ready.
+    wait_for(lambda: not box.modules[MODULE].busy(), timeout=2, what="the busy time over")
     assert command(box, b"#\x92\x00\r", 7) == b"#\x92\x00\x02\x00\x63\r"
 
 
@@ -903,6 +904,16 @@ def test_clear_faults_mends_the_module(box):
     assert box.modules[MODULE].state()["faults"] == {"busy_ms": 0, "unknown": [], "errors": {},
                                                      "corrupt": {}}
     assert command(box, b"#\x00\x00\r", 5) == b"#\x00\x00\x00\r"
+
+
+def test_clear_faults_ends_a_busy_time_in_progress(box):
+    assert control(box, {"cmd": "set_busy", "addr": MODULE, "ms": 60000}) == {"ok": True}
+    with bus_connect(box) as sock:
+        assert bus_write(sock, MODULE, b"#\x12\x02\x00\x63\r") == b"\x00"
+        assert bus_write(sock, MODULE, b"\x00") == b"\x01"
+        assert control(box, {"cmd": "clear_faults", "addr": MODULE}) == {"ok": True}
+        assert bus_write(sock, MODULE, b"\x00") == b"\x00"
+        assert bus_read(sock, MODULE, 5) == b"\x00#\x12\x00\x00\r"
 
 
 @pytest.mark.parametrize("fault", [
@@ -1181,6 +1192,41 @@ def test_qel2ip_ignores_sigterm_on_demand_and_ends_on_sigkill(box):
         child.kill()
 
 
+def test_qel2ip_ends_on_sigterm_only_as_long_after_it_as_asked(box):
+    box.configure_qel2ip(sigterm_delay_ms=300)
+    _, child = start_qel2ip(box, "-d", "239.0.0.1", "-p", "5000", "-i", "0")
+    try:
+        child.send_signal(signal.SIGTERM)
+        assert child.wait(5) == -signal.SIGTERM
+        held, end = box.qel2ip_log()[1:]
+        assert (held["event"], end["event"]) == ("sigterm_held", "sigterm_end")
+        assert end["time"] - held["time"] >= 0.3
+    finally:
+        child.kill()
+
+
+@pytest.mark.parametrize("sig", [signal.SIGTERM, signal.SIGKILL])
+def test_qel2ip_holds_its_end_back_from_its_parent_on_demand(box, sig):
+    assert control(box, {"cmd": "set_qel2ip", "reap_delay_ms": 500}) == {"ok": True}
+    _, child = start_qel2ip(box, "-d", "239.0.0.1", "-p", "5000", "-i", "0")
+    try:
+        if "untraced" in [e["event"] for e in box.qel2ip_log()]:
+            pytest.skip(f"no tracing of processes here: {box.qel2ip_log()}")
+        child.send_signal(sig)
+        wait_for(lambda: len(box.qel2ip_log()) == 2, what="the end seen by the tracer")
+        # Ended, but its parent cannot collect it until the tracer lets it go.
+        with pytest.raises(subprocess.TimeoutExpired):
+            child.wait(0.2)
+        assert child.wait(5) == -sig
+        start, ended, released = box.qel2ip_log()
+        assert [(e["event"], e["pid"]) for e in (start, ended, released)] == [
+            ("start", child.pid), ("ended", child.pid), ("released", child.pid)]
+        assert ended["signal"] == sig
+        assert released["time"] - ended["time"] >= 0.5
+    finally:
+        child.kill()
+
+
 def test_stop_ends_the_stand_ins_a_killed_daemon_left_running(make_box):
     box = make_box()
     _, child = start_qel2ip(box, "-d", "239.0.0.1", "-p", "5000", "-i", "4")
@@ -1212,7 +1258,8 @@ def test_qel2ip_writes_the_rate_asked_for_or_none(box):
     assert control(box, {"cmd": "set_qel2ip", "rate": None}) == {"ok": True}
     assert run_qel2ip_to_its_end(box) == 0
     assert not os.path.exists(box.path("tmp/qelstat4"))
-    assert box.qel2ip_config() == {"ignore_sigterm": False, "rate": None, "exit_status": 0}
+    assert box.qel2ip_config() == {"ignore_sigterm": False, "rate": None, "exit_status": 0,
+                                   "sigterm_delay_ms": None, "reap_delay_ms": None}
 
 
 def test_qel2ip_ends_by_itself_on_demand(box):
@@ -1235,14 +1282,16 @@ def test_qel2ip_query_and_statistics_files(box):
         wait_for(lambda: os.path.exists(box.path("tmp/qelstat1")))
         answer = control(box, {"cmd": "qel2ip"})
         assert answer["ok"] is True
-        assert answer["config"] == {"ignore_sigterm": False, "rate": "12.5", "exit_status": None}
+        assert answer["config"] == {"ignore_sigterm": False, "rate": "12.5", "exit_status": None,
+                                    "sigterm_delay_ms": None, "reap_delay_ms": None}
         assert answer["stats"] == {"1": "12.5", "4": "7.25"}
         assert [(r["pid"], r["running"]) for r in answer["runs"]] == [(child.pid, True)]
         assert [e["event"] for e in answer["log"]] == ["start"]
     finally:
         child.kill()
         child.wait()
-    for bad in ({"ignore_sigterm": 1}, {"rate": 12.5}, {"exit_status": -1}, {"speed": 1}):
+    for bad in ({"ignore_sigterm": 1}, {"rate": 12.5}, {"exit_status": -1}, {"speed": 1}, {"sigterm_delay_ms": -1},
+                {"reap_delay_ms": "1"}, {"ignore_sigterm": True, "sigterm_delay_ms": 10}):
         assert control(box, {"cmd": "set_qel2ip", **bad})["ok"] is False
     assert control(box, {"cmd": "set_qelstat", "unit": "../x", "text": "1"})["ok"] is False
     assert box.qel2ip_config()["rate"] == "12.5"
@@ -1421,13 +1470,12 @@ def test_netsettings_garbage_answers_text_that_is_not_json(net_box):
 
 def test_netsettings_refuse_closes_at_once(net_box):
     net_box.netsettings.set_fault("refuse")
-    started = time.monotonic()
     try:
         reply = net_request(net_box, GET)
     except ConnectionResetError:
         reply = b""
     assert reply == b""
-    assert time.monotonic() - started < 0.5
+    # Closed without reading: the request is not in the record.
     (exchange,) = net_box.netsettings.exchanges()
     assert (exchange["request"], exchange["reply"], exchange["fault"]) == (None, None, "refuse")
 

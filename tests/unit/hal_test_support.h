@@ -29,6 +29,11 @@ inline std::string wrn(const std::string& func, const std::string& text) {
   return "\x1B[33mtavid [WRN]: Warning in function '" + func + "' [line N]:\n\r\t" + text + "\x1B[0m\n\r";
 }
 
+/* One error line as the daemon prints it, its source line given as N (see without_lines). */
+inline std::string err(const std::string& func, const std::string& text) {
+  return "\x1B[31mtavid [ERR]: Error in function '" + func + "' [line N]:\n\r\t" + text + "\x1B[0m\n\r";
+}
+
 /* Warnings carry the source line; the tests compare everything else. */
 inline std::string without_lines(const std::string& text) {
   return std::regex_replace(text, std::regex("\\[line [0-9]+\\]"), "[line N]");

@@ -5,13 +5,18 @@
 #include <string>
 
 #include "boxroot.h"
+#include "hal_test_support.h"
 
 namespace {
 
 /* What each build puts in front of a box path, with TAVID_ROOT naming /tmp: the host build the
  * root, the board build nothing, whatever the environment holds. */
 #ifdef TAVID_HOST_ROOT
+using hal_test::without_lines;
+
 const std::string kRoot = "/tmp";
+const std::string kNoRoot =
+    hal_test::err("boxroot_init", "TAVID_ROOT must name an existing absolute directory (the simulated box)");
 #else
 const std::string kRoot;
 #endif
@@ -63,13 +68,12 @@ TEST_F(Boxroot, RefusesARootThatIsNotAnAbsoluteDirectory) {
     setenv("TAVID_ROOT", root, 1);
     testing::internal::CaptureStderr();
     EXPECT_EQ(boxroot_init(), -1) << root;
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("[ERR]: Error in function 'boxroot_init'"),
-              std::string::npos);
+    EXPECT_EQ(without_lines(testing::internal::GetCapturedStderr()), kNoRoot) << root;
   }
   unsetenv("TAVID_ROOT");
   testing::internal::CaptureStderr();
   EXPECT_EQ(boxroot_init(), -1);
-  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(without_lines(testing::internal::GetCapturedStderr()), kNoRoot);
   setenv("TAVID_ROOT", "/tmp", 1);
   EXPECT_EQ(boxroot_init(), 0);
 }

@@ -614,6 +614,9 @@ class CmdJsonIfconfig : public BoxRoot {
 std::string in_get(const std::string& text) { return "cmd_json_get_output_ip_ifconfig: " + text; }
 std::string in_set(const std::string& text) { return "cmd_json_set_output_ip_ifconfig: " + text; }
 
+/* What the handler's work around the wait may add under valgrind or qemu-arm on a loaded machine. */
+constexpr long long kSlowMs = 10000;
+
 const std::vector<std::string> kConnectWarnings = {
     "inet_create_tcp_client_socket: Could not connect socket",
     "Could not connect to TCP command interface on localhost:49998"};
@@ -625,7 +628,7 @@ TEST_F(CmdJsonIfconfig, GetYieldsOnlyTheStreamingInterfaceWithoutItsName) {
   EXPECT_EQ(got.text, "{\"ip_address\":\"10.0.0.2\",\"netmask\":\"255.255.255.0\",\"dhcp\":\"off\"}");
   EXPECT_EQ(service.received(), kGetRequest);
   EXPECT_EQ(errors, "");
-  EXPECT_LT(elapsed_ms, 1000);
+  EXPECT_LT(elapsed_ms, CMD_JSON_IFCONFIG_TIMEOUT_MS) << "the wait ran out";
 }
 
 TEST_F(CmdJsonIfconfig, GetThroughTheDispatcherCarriesNoId) {
@@ -681,8 +684,8 @@ TEST_F(CmdJsonIfconfig, GetFromAServiceThatNeverAnswersSucceedsEmptyAfterFiveSec
   EXPECT_EQ(
       warnings_in(errors),
       (std::vector<std::string>{in_get("Timeout while waiting for POLL response on TCP command interface")}));
-  EXPECT_GE(elapsed_ms, 4900);
-  EXPECT_LT(elapsed_ms, 6000);
+  EXPECT_GE(elapsed_ms, CMD_JSON_IFCONFIG_TIMEOUT_MS);
+  EXPECT_LT(elapsed_ms, CMD_JSON_IFCONFIG_TIMEOUT_MS + kSlowMs);
   EXPECT_EQ(service.received(), kGetRequest);
 }
 
@@ -699,7 +702,7 @@ TEST_F(CmdJsonIfconfig, GetFromAServiceThatHangsUpIsAJsonError) {
   taken_t got = get();
   EXPECT_EQ(got.err, CMD_JSON_ERR);
   EXPECT_EQ(warnings_in(errors), (std::vector<std::string>{in_get("JSON error")}));
-  EXPECT_LT(elapsed_ms, 1000);
+  EXPECT_LT(elapsed_ms, CMD_JSON_IFCONFIG_TIMEOUT_MS) << "the wait ran out";
 }
 
 TEST_F(CmdJsonIfconfig, AnInterruptedWaitIsAPollFailure) {
@@ -815,8 +818,8 @@ TEST_F(CmdJsonIfconfig, SetToAServiceThatNeverAnswersSucceedsUnseenAfterFiveSeco
   EXPECT_EQ(
       warnings_in(errors),
       (std::vector<std::string>{in_set("Timeout while waiting for POLL response on TCP command interface")}));
-  EXPECT_GE(elapsed_ms, 4900);
-  EXPECT_LT(elapsed_ms, 6000);
+  EXPECT_GE(elapsed_ms, CMD_JSON_IFCONFIG_TIMEOUT_MS);
+  EXPECT_LT(elapsed_ms, CMD_JSON_IFCONFIG_TIMEOUT_MS + kSlowMs);
   EXPECT_EQ(restarts(), "<none>");
 }
 

@@ -315,12 +315,8 @@ TEST_F(HalTsmux5x1, EveryInputIsTestedAndTheTestNeverClearsTheFlag) {
   hal_tsmux_5x1_changed(mux);
   std::string warnings = testing::internal::GetCapturedStderr();
   /* Four new inputs, each reported by its own test. */
-  size_t reports = 0;
-  for (size_t at = warnings.find("ts_changed !!"); at != std::string::npos;
-       at = warnings.find("ts_changed !!", at + 1)) {
-    reports++;
-  }
-  EXPECT_EQ(reports, 4u);
+  const std::vector<std::string> traces = warnings_in(warnings);
+  EXPECT_EQ(std::count(traces.begin(), traces.end(), "hal_ts_changed: ts_changed !!"), 4);
   for (hal_ts_t* in : ins) take_in(in);
   EXPECT_EQ(changed(mux), 1);
 }
@@ -404,7 +400,8 @@ TEST_F(HalTsmux5x1, TheMasterIsChosenAgainOnEverySync) {
   std::string log = sync();
   EXPECT_NE(log.find(msg("<SYNC_TSIN>") + msg("Release MASTER TSIN") + msg("<SYNC_TSIN_0>")),
             std::string::npos);
-  EXPECT_NE(log.find(msg("Enable TSIN (MASTER)")), std::string::npos);
+  const std::vector<std::string> messages = messages_in(log);
+  EXPECT_EQ(std::count(messages.begin(), messages.end(), "Enable TSIN (MASTER)"), 1);
   EXPECT_EQ(mux->master_tsin, ins[3]);
   EXPECT_EQ(ins[3]->owner, mux);
   EXPECT_EQ(ins[1]->owner, nullptr);

@@ -32,9 +32,11 @@ sys.path.insert(0, str(Path(__file__).resolve().parent))
 import boxrun  # noqa: E402  (found through the path set just above)
 from boxrun import (MODES, PYTHON, REPO, BenchError, Daemon, Sim, bus_figures,  # noqa: E402
                     median, percentile)
+from taviweb import figure_taviweb  # noqa: E402
 
 BUILD = REPO / "build" / "bench"
 TAVID = BUILD / "src" / "tavid"
+TAVIWEB = BUILD / "taviweb" / "taviweb"
 BENCH = BUILD / "bench" / "tavid_bench"
 SOAK = REPO / "scripts" / "soak.py"
 NETSETTINGS_PORT = 49998
@@ -525,7 +527,7 @@ def figure_bus_inprocess(report: Report, cg: dict):
 
 def newest_source_mtime() -> float:
     newest = 0.0
-    for top in ("src", "lnklist", "i2c", "gpio", "it9300", "cmake"):
+    for top in ("src", "lnklist", "i2c", "gpio", "it9300", "client", "taviweb", "cmake"):
         for path in (REPO / top).rglob("*"):
             if path.is_file():
                 newest = max(newest, path.stat().st_mtime)
@@ -544,10 +546,10 @@ def board_build(host_root: bool) -> tuple:
     """The board daemon (box paths, or TAVID_ROOT paths for qemu runs) and how it was found: the
     shared build when it is newer than every source, else a build of this suite's own."""
     shared = REPO / ("build-board-hostroot" if host_root else "build-board")
-    binary = shared / "src" / "tavid"
-    if binary.exists() and binary.stat().st_mtime >= newest_source_mtime():
+    binaries = [shared / "src" / "tavid", shared / "taviweb" / "taviweb"]
+    if all(binary.exists() and binary.stat().st_mtime >= newest_source_mtime() for binary in binaries):
         return shared, f"{shared.relative_to(REPO)}/, newer than every source"
-    why = "older than the sources" if binary.exists() else "absent"
+    why = "older than the sources" if all(binary.exists() for binary in binaries) else "absent"
     own = BUILD / ("board-hostroot" if host_root else "board")
     log(f"building the board daemon in {own.relative_to(REPO)} ({shared.relative_to(REPO)} is {why})")
     subprocess.run([str(REPO / "scripts" / "deps.sh"), "board"], check=True)
@@ -557,7 +559,7 @@ def board_build(host_root: bool) -> tuple:
                     "-DCMAKE_C_FLAGS_RELEASE=-Os -DNDEBUG", "-DCMAKE_CXX_FLAGS_RELEASE=-Os -DNDEBUG",
                     f"-DTAVID_HOST_ROOT={'ON' if host_root else 'OFF'}", "-DTAVID_TESTS=OFF"],
                    check=True, stdout=subprocess.DEVNULL)
-    subprocess.run(["cmake", "--build", str(own), "-j2", "--target", "tavid"], check=True,
+    subprocess.run(["cmake", "--build", str(own), "-j2", "--target", "tavid", "taviweb"], check=True,
                    stdout=subprocess.DEVNULL)
     return own, f"{own.relative_to(REPO)}/, built for this run: {shared.relative_to(REPO)}/ is {why}"
 
@@ -814,8 +816,8 @@ def build():
     subprocess.run(["cmake", "-S", str(REPO), "-B", str(BUILD), "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
                     "-DTAVID_SANITIZE=OFF", "-DTAVID_BENCH=ON", "-DTAVID_TESTS=OFF"],
                    check=True, stdout=subprocess.DEVNULL)
-    subprocess.run(["cmake", "--build", str(BUILD), "-j2", "--target", "tavid", "tavid_bench"], check=True,
-                   stdout=subprocess.DEVNULL)
+    subprocess.run(["cmake", "--build", str(BUILD), "-j2", "--target", "tavid", "tavid_bench", "taviweb"],
+                   check=True, stdout=subprocess.DEVNULL)
 
 
 def parse_args(argv):
@@ -823,7 +825,7 @@ def parse_args(argv):
     parser.add_argument("--quick", action="store_true", help="few runs, short windows (CI)")
     parser.add_argument("--out", type=Path, help="the report (default: bench/RESULTS.md, or "
                                                  "build/bench/RESULTS-quick.md with --quick)")
-    parser.add_argument("--only", default="1,2,3,4,5,6", help="the figures to run, e.g. 1,4")
+    parser.add_argument("--only", default="1,2,3,4,5,6,7", help="the figures to run, e.g. 1,4")
     parser.add_argument("--soak-minutes", type=float,
                         help="length of the soak of figure 5 (default: the soak's own; 0.1 with --quick)")
     return parser.parse_args(argv)
@@ -859,6 +861,8 @@ def main(argv=None) -> int:
             figure_qemu(settings, report)
         if 6 in only:
             figure_persistence(settings, report, cg)
+        if 7 in only:
+            figure_taviweb(settings, report, Row, TAVID, TAVIWEB, board_build(host_root=False), args.quick)
     except (BenchError, subprocess.CalledProcessError, subprocess.TimeoutExpired, OSError) as error:
         log(f"FAILED: {error}")
         return 1

@@ -5,9 +5,9 @@
 # Two roots are involved:
 #   - the cross toolchain's own glibc and libstdc++ (TAVID_TOOLCHAIN_ROOT, /usr/arm-linux-gnueabihf),
 #     which the compiler finds by itself;
-#   - a sysroot with the armhf Jansson and zlib unpacked from Debian's packages (TAVID_SYSROOT,
-#     made by scripts/armhf-sysroot.sh), default sysroot-armhf in the repository root or the
-#     TAVID_SYSROOT environment variable.
+#   - a sysroot with the armhf Jansson, zlib, libmicrohttpd and libcrypt unpacked from Debian's
+#     packages (TAVID_SYSROOT, made by scripts/armhf-sysroot.sh), default sysroot-armhf in the
+#     repository root or the TAVID_SYSROOT environment variable.
 # Nothing is taken from the build machine's own /usr/include or /usr/lib.
 #
 # Executables link libstdc++ and libgcc statically (TAVID_STATIC_RUNTIME, ON by default), so
@@ -72,9 +72,15 @@ set(PKG_CONFIG_USE_CMAKE_PREFIX_PATH OFF)
 # the sysroot. Under qemu the libraries are found through LD_LIBRARY_PATH (below).
 set(CMAKE_SKIP_RPATH ON CACHE BOOL "Do not record library directories of the build machine in binaries")
 
+# The linker checks the libraries' own libraries (libmicrohttpd's GnuTLS) in the sysroot; -rpath-link
+# only says where to look while linking and records nothing in the binary.
+set(_tavid_rpath_link "-Wl,-rpath-link,${TAVID_SYSROOT}/usr/lib/${TAVID_TARGET}:${TAVID_SYSROOT}/lib/${TAVID_TARGET}")
 if(TAVID_STATIC_RUNTIME)
-  set(CMAKE_EXE_LINKER_FLAGS_INIT "-static-libstdc++ -static-libgcc")
-  set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static-libstdc++ -static-libgcc")
+  set(CMAKE_EXE_LINKER_FLAGS_INIT "-static-libstdc++ -static-libgcc ${_tavid_rpath_link}")
+  set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static-libstdc++ -static-libgcc ${_tavid_rpath_link}")
+else()
+  set(CMAKE_EXE_LINKER_FLAGS_INIT "${_tavid_rpath_link}")
+  set(CMAKE_SHARED_LINKER_FLAGS_INIT "${_tavid_rpath_link}")
 endif()
 
 # Running ARM programs on the build machine: qemu-arm finds the dynamic loader and glibc under

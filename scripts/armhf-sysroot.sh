@@ -1,7 +1,9 @@
 #!/bin/sh
 # Prepare what the board (32-bit ARM, arm-linux-gnueabihf) build needs on a Debian 12 machine:
 # the cross compiler, qemu-arm and pkg-config from apt, and a sysroot holding the armhf Jansson
-# and zlib, taken from Debian's armhf packages and unpacked with dpkg -x.
+# and zlib (the daemon's), libmicrohttpd and libcrypt (taviweb's), taken from Debian's armhf
+# packages and unpacked with dpkg -x. Debian builds libmicrohttpd with GnuTLS, so its run-time
+# libraries come along (taviweb serves plain HTTP, but the library needs them to load).
 #
 #   scripts/armhf-sysroot.sh [DIR]      DIR defaults to sysroot-armhf in the repository root
 #
@@ -12,7 +14,15 @@ set -eu
 
 repo=$(cd "$(dirname "$0")/.." && pwd)
 dir=${1:-$repo/sysroot-armhf}
-packages="libjansson4:armhf libjansson-dev:armhf zlib1g:armhf zlib1g-dev:armhf"
+packages="libjansson4:armhf libjansson-dev:armhf zlib1g:armhf zlib1g-dev:armhf
+  libmicrohttpd12:armhf libmicrohttpd-dev:armhf libcrypt1:armhf libcrypt-dev:armhf
+  libgnutls30:armhf libgmp10:armhf libhogweed6:armhf libidn2-0:armhf libnettle8:armhf libp11-kit0:armhf
+  libtasn1-6:armhf libunistring2:armhf libffi8:armhf"
+# What a complete sysroot holds.
+needed_files="usr/include/jansson.h usr/include/zlib.h usr/include/microhttpd.h usr/include/crypt.h
+  usr/lib/arm-linux-gnueabihf/pkgconfig/jansson.pc usr/lib/arm-linux-gnueabihf/libjansson.so
+  usr/lib/arm-linux-gnueabihf/libz.so usr/lib/arm-linux-gnueabihf/libmicrohttpd.so
+  usr/lib/arm-linux-gnueabihf/libcrypt.so usr/lib/arm-linux-gnueabihf/libgnutls.so.30"
 stamp_name=.tavid-sysroot
 
 log() { printf 'armhf-sysroot: %s\n' "$*"; }
@@ -56,9 +66,7 @@ stamp="$dir/$stamp_name"
 complete=0
 if [ -f "$stamp" ] && [ "${TAVID_SYSROOT_REFRESH:-0}" != 1 ]; then
     complete=1
-    for f in usr/include/jansson.h usr/include/zlib.h \
-             usr/lib/arm-linux-gnueabihf/pkgconfig/jansson.pc \
-             usr/lib/arm-linux-gnueabihf/libjansson.so usr/lib/arm-linux-gnueabihf/libz.so; do
+    for f in $needed_files; do
         [ -e "$dir/$f" ] || complete=0
     done
 fi
@@ -105,8 +113,7 @@ find "$dir" -type l | while read -r link; do
     esac
 done
 
-for f in usr/include/jansson.h usr/include/zlib.h usr/lib/arm-linux-gnueabihf/pkgconfig/jansson.pc \
-         usr/lib/arm-linux-gnueabihf/libjansson.so usr/lib/arm-linux-gnueabihf/libz.so; do
+for f in $needed_files; do
     [ -e "$dir/$f" ] || die "$dir/$f missing after unpacking"
 done
 

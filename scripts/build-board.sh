@@ -1,9 +1,9 @@
 #!/bin/sh
-# Board build: cross-compile tavid for the box (32-bit ARM Linux, glibc, hard-float), run the
-# tests under qemu-arm and check the daemon binary.
+# Board build: cross-compile tavid and taviweb for the box (32-bit ARM Linux, glibc, hard-float),
+# run the tests under qemu-arm and check both binaries.
 #
 #   scripts/build-board.sh               box paths (TAVID_HOST_ROOT=OFF) into build-board/; builds
-#                                        the daemon, tavictl and the tests of the box paths, and
+#                                        the daemon, tavictl, taviweb and the tests of the box paths, and
 #                                        runs those tests: the rest of the code is the same in
 #                                        both builds and is tested by the build below
 #   scripts/build-board.sh --host-root   ARM binaries that take their paths from TAVID_ROOT
@@ -17,7 +17,7 @@
 # Environment: TAVID_SYSROOT (armhf sysroot, default sysroot-armhf in the repository root),
 # CTEST_PARALLEL_LEVEL (ctest's own).
 # Release with -Os; libstdc++ and libgcc are linked statically, so the daemon needs only
-# glibc, Jansson and zlib on the box.
+# glibc, Jansson and zlib on the box, and taviweb glibc, Jansson, libmicrohttpd and libcrypt.
 set -eu
 
 repo=$(cd "$(dirname "$0")/.." && pwd)
@@ -105,7 +105,7 @@ fi
 if [ "$host_root" = ON ]; then
     targets=
 else
-    targets="--target tavid tavictl test_boxroot"
+    targets="--target tavid tavictl taviweb test_boxroot"
     suites=box-paths
 fi
 log "building with $jobs jobs"
@@ -128,44 +128,76 @@ if [ "$run_tests" = 1 ]; then
     done
 fi
 
-# The daemon binary.
-bin=$(find "$build" -path "$build/CMakeFiles" -prune -o -path '*/CMakeFiles/*' -prune -o \
-        -type f -name tavid -perm -u+x -print | head -n 1)
-if [ -z "$bin" ]; then
-    fail "no tavid executable under $build"
-else
+# The shared libraries each program may need on the box, besides glibc: the daemon needs Jansson
+# and zlib; taviweb needs Jansson, libmicrohttpd and libcrypt (Debian's libmicrohttpd brings GnuTLS
+# and its libraries along, listed below).
+glibc_libs="libc.so.6 libm.so.6 libpthread.so.0 libdl.so.2 librt.so.1 ld-linux-armhf.so.3"
+allowed_tavid="libjansson.so.4 libz.so.1"
+allowed_taviweb="libjansson.so.4 libmicrohttpd.so.12 libcrypt.so.1"
+
+# The shared libraries an ARM binary names, one line.
+needed_of() { $target-readelf -d "$1" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n' ' '; }
+
+# Every library the binary loads, its libraries' libraries included, found in the sysroot.
+needed_closure() {
+    todo=$(needed_of "$1") seen=
+    while [ -n "$todo" ]; do
+        # shellcheck disable=SC2086 # one word per library
+        set -- $todo
+        lib=$1; shift; todo=$*
+        case " $seen $glibc_libs " in *" $lib "*) continue ;; esac
+        seen="$seen $lib"
+        found=$(find "$sysroot/usr/lib/$target" "$sysroot/lib/$target" -name "$lib" 2>/dev/null | head -n 1)
+        [ -n "$found" ] && todo="$todo $(needed_of "$found")"
+    done
+    echo "$seen"
+}
+
+# check_binary NAME ALLOWED-LIBRARIES: the ARM EABI5 hard-float program, dynamically linked
+# against glibc and the allowed libraries only, without an RPATH; prints its stripped size.
+check_binary() {
+    name=$1 allowed=$2
+    bin=$(find "$build" -path "$build/CMakeFiles" -prune -o -path '*/CMakeFiles/*' -prune -o \
+            -type f -name "$name" -perm -u+x -print | head -n 1)
+    if [ -z "$bin" ]; then
+        fail "no $name executable under $build"
+        return
+    fi
     log "checking $bin"
     file_out=$(file -b "$bin")
     echo "  file: $file_out"
-    case "$file_out" in *"ELF 32-bit LSB"*) ;; *) fail "not a 32-bit little-endian ELF" ;; esac
-    case "$file_out" in *"ARM, EABI5"*) ;; *) fail "not ARM EABI5" ;; esac
-    case "$file_out" in *"dynamically linked"*) ;; *) fail "not dynamically linked" ;; esac
-    case "$file_out" in *"interpreter /lib/ld-linux-armhf.so.3"*) ;; *) fail "loader is not the hard-float /lib/ld-linux-armhf.so.3" ;; esac
+    case "$file_out" in *"ELF 32-bit LSB"*) ;; *) fail "$name: not a 32-bit little-endian ELF" ;; esac
+    case "$file_out" in *"ARM, EABI5"*) ;; *) fail "$name: not ARM EABI5" ;; esac
+    case "$file_out" in *"dynamically linked"*) ;; *) fail "$name: not dynamically linked" ;; esac
+    case "$file_out" in *"interpreter /lib/ld-linux-armhf.so.3"*) ;; *) fail "$name: loader is not the hard-float /lib/ld-linux-armhf.so.3" ;; esac
 
     vfp=$($target-readelf -A "$bin" | sed -n 's/^ *Tag_ABI_VFP_args: *//p')
     echo "  Tag_ABI_VFP_args: ${vfp:-(absent)}"
-    [ "$vfp" = "VFP registers" ] || fail "not hard-float (Tag_ABI_VFP_args is '${vfp:-absent}')"
+    [ "$vfp" = "VFP registers" ] || fail "$name: not hard-float (Tag_ABI_VFP_args is '${vfp:-absent}')"
 
-    needed=$($target-readelf -d "$bin" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n' ' ')
+    needed=$(needed_of "$bin")
     echo "  NEEDED: $needed"
     for lib in $needed; do
-        case "$lib" in
-            libc.so.6|libm.so.6|libpthread.so.0|libdl.so.2|librt.so.1|ld-linux-armhf.so.3) ;;  # glibc
-            libjansson.so.4|libz.so.1) ;;
-            *) fail "unexpected shared library $lib (the box has glibc, Jansson and zlib)" ;;
+        case " $glibc_libs $allowed " in
+            *" $lib "*) ;;
+            *) fail "$name: unexpected shared library $lib (the box has glibc and $allowed)" ;;
         esac
     done
+    echo "  loads (with its libraries' libraries, glibc aside):$(needed_closure "$bin")"
     if $target-readelf -d "$bin" | grep -Eq '\((RPATH|RUNPATH)\)'; then
-        fail "binary carries an RPATH/RUNPATH: $($target-readelf -d "$bin" | grep -E '\((RPATH|RUNPATH)\)')"
+        fail "$name: binary carries an RPATH/RUNPATH: $($target-readelf -d "$bin" | grep -E '\((RPATH|RUNPATH)\)')"
     fi
     glibc=$($target-readelf -V "$bin" | grep -o 'GLIBC_[0-9][0-9.]*' | sort -uV | tail -n 1)
     echo "  newest glibc symbol version needed: ${glibc:-none}"
 
-    stripped=$build/tavid.stripped
+    stripped=$build/$name.stripped
     $target-strip -o "$stripped" "$bin"
     echo "  size: $(stat -c %s "$bin") bytes, stripped $(stat -c %s "$stripped") bytes ($stripped)"
     $target-size "$stripped" | sed 's/^/  /'
-fi
+}
+
+check_binary tavid "$allowed_tavid"
+check_binary taviweb "$allowed_taviweb"
 
 if [ -n "$failures" ]; then
     printf 'build-board: FAILED:%s\n' "$failures" >&2

@@ -4,7 +4,10 @@
 # "lint" (the static analysis).
 set -eu
 
-packages="cmake make g++ pkg-config libjansson-dev zlib1g-dev googletest libgtest-dev libgmock-dev python3 python3-pytest procps valgrind iproute2"
+# libmicrohttpd and libcrypt for taviweb; Prometheus (with promtool), openssl and curl for its tests
+# and the README's examples.
+packages="cmake make g++ pkg-config libjansson-dev zlib1g-dev googletest libgtest-dev libgmock-dev python3 python3-pytest procps valgrind iproute2
+  libmicrohttpd-dev libcrypt-dev prometheus openssl curl"
 for group in "$@"; do
   case "$group" in
     board) packages="$packages g++-arm-linux-gnueabihf qemu-user file binutils-arm-linux-gnueabihf" ;;

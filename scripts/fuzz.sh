@@ -4,14 +4,14 @@
 # leak, time-out or sanitizer report, naming the input that caused it, and on a harness that made
 # fewer executions than its minimum (below); prints the executions of each.
 #   scripts/fuzz.sh [seconds-per-harness] [harness ...]
-# Harness names are fuzz_cmd_json, fuzz_mod_tarn_reply, fuzz_settings_restore, fuzz_netsettings and
-# fuzz_cmd_channel; without names all five run, one after the other.
+# Harness names are fuzz_cmd_json, fuzz_mod_tarn_reply, fuzz_settings_restore, fuzz_netsettings,
+# fuzz_cmd_channel and fuzz_taviweb; without names all six run, one after the other.
 set -eu
 
 cd "$(dirname "$0")/.."
 seconds="${1:-30}"
 [ $# -gt 0 ] && shift
-harnesses="${*:-fuzz_cmd_json fuzz_mod_tarn_reply fuzz_settings_restore fuzz_netsettings fuzz_cmd_channel}"
+harnesses="${*:-fuzz_cmd_json fuzz_mod_tarn_reply fuzz_settings_restore fuzz_netsettings fuzz_cmd_channel fuzz_taviweb}"
 case "$seconds" in
   '' | *[!0-9]* | 0*) echo "usage: scripts/fuzz.sh [seconds-per-harness] [harness ...]" >&2; exit 2 ;;
 esac
@@ -27,6 +27,7 @@ min_rate() {
     fuzz_settings_restore) echo 8 ;;
     fuzz_netsettings) echo 150 ;;
     fuzz_cmd_channel) echo 12 ;;
+    fuzz_taviweb) echo 500 ;;
   esac
 }
 for harness in $harnesses; do

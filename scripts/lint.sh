@@ -1,9 +1,10 @@
 #!/bin/sh
 # Static analysis: clang-tidy and cppcheck over the daemon and its libraries (src/, lnklist/, i2c/,
-# gpio/, it9300/), the unit tests (tests/unit/), the fuzzing harnesses (fuzz/) and the soak's heap
-# probe (scripts/soak_heap.c, which the soak builds itself, outside CMake). Fails on any
-# finding. The checks are the checked-in configuration: .clang-tidy (tests/unit/.clang-tidy and
-# fuzz/.clang-tidy adjust it there) and .cppcheck-suppressions with the cppcheck options below.
+# gpio/, it9300/), the clients (client/, tavictl/, taviweb/), the unit tests (tests/unit/), the
+# fuzzing harnesses (fuzz/) and the soak's heap probe (scripts/soak_heap.c, which the soak builds
+# itself, outside CMake). Fails on any finding. The checks are the checked-in configuration:
+# .clang-tidy (tests/unit/.clang-tidy, fuzz/.clang-tidy and taviweb/.clang-tidy adjust it there)
+# and .cppcheck-suppressions with the cppcheck options below.
 #   scripts/lint.sh [build-dir]
 # The build directory (default build/lint) only needs configuring: the host build's compile
 # commands, unit tests included, and in <build-dir>/fuzz-db those of the harnesses (clang).
@@ -20,7 +21,7 @@ CC=clang CXX=clang++ cmake -S . -B "$build/fuzz-db" -DTAVID_FUZZ=ON -DTAVID_TEST
 
 # The slowest first, so that the two jobs end together.
 files=$(printf '%s\n' tests/unit/test_*.cpp fuzz/fuzz_*.cpp src/*.cpp lnklist/src/*.cpp i2c/src/*.cpp \
-  gpio/src/*.cpp it9300/src/*.cpp)
+  gpio/src/*.cpp it9300/src/*.cpp client/src/*.cpp tavictl/src/*.cpp taviweb/src/*.cpp)
 
 started=$(date +%s)
 tidy_status=0

@@ -54,7 +54,8 @@ class Step:
 def steps() -> list:
     """The graph. The longest chains come first, so that they start first when cores are free."""
     py = "/usr/bin/python3"
-    host_integration = ("TAVID_BIN=$PWD/build/test/src/tavid TAVICTL_BIN=$PWD/build/test/src/tavictl "
+    host_integration = ("TAVID_BIN=$PWD/build/test/src/tavid TAVICTL_BIN=$PWD/build/test/tavictl/tavictl "
+                        "TAVIWEB_BIN=$PWD/build/test/taviweb/taviweb "
                         f"{py} -m pytest -q -rs -p no:cacheprovider tests/integration")
     return [
         # The host build without sanitizers: valgrind (the longest chain), then the soak.

@@ -62,7 +62,7 @@ integration() {
   mkdir -p "$logs"
   set --
   for test in $integration_tests; do set -- "$@" "tests/integration/$test"; done
-  TAVID_BIN=$PWD/$build/src/tavid TAVICTL_BIN=$PWD/$build/src/tavictl \
+  TAVID_BIN=$PWD/$build/src/tavid TAVICTL_BIN=$PWD/$build/tavictl/tavictl \
     TAVID_LAUNCHER="$memcheck --error-exitcode=99 --child-silent-after-fork=yes --log-file=$logs/tavid.%p.log" \
     /usr/bin/python3 -m pytest -q -rs -p no:cacheprovider "$@"
   daemons=$(find "$logs" -name 'tavid.*.log' | wc -l)

@@ -14,6 +14,7 @@ Test modules import the helpers from here: `from conftest import request, run_ta
 """
 
 import ctypes
+import http.client
 import json
 import os
 import re
@@ -27,6 +28,7 @@ import tempfile
 import time
 from pathlib import Path
 from typing import NamedTuple
+from urllib.parse import urlsplit
 
 import pytest
 
@@ -209,6 +211,19 @@ def accepted(client: socket.socket) -> bool:
                if (row.port, row.remote_port) == ends)
 
 
+def wait_until_listening(program, name: str, timeout: float):
+    """Waits until a started program (its port, process, running() and stderr()) listens."""
+    deadline = time.monotonic() + timeout
+    while not tcp_listening(program.port):
+        if not program.running():
+            raise AssertionError(f"{name} ended (status {program.process.returncode}) before "
+                                 f"listening on {program.port}; stderr: {program.stderr()!r}")
+        if time.monotonic() > deadline:
+            raise AssertionError(f"{name} not listening on {program.port} after {timeout} s")
+        time.sleep(0.01)
+    return program
+
+
 # ---------------------------------------------------------------------------------------------
 # A running daemon
 
@@ -248,15 +263,7 @@ class Daemon:
         return self.process.poll()
 
     def wait_listening(self, timeout: float = START_WAIT):
-        deadline = time.monotonic() + timeout
-        while not tcp_listening(self.port):
-            if not self.running():
-                raise AssertionError(f"tavid ended (status {self.process.returncode}) before "
-                                     f"listening on {self.port}; stderr: {self.stderr()!r}")
-            if time.monotonic() > deadline:
-                raise AssertionError(f"tavid not listening on {self.port} after {timeout} s")
-            time.sleep(0.01)
-        return self
+        return wait_until_listening(self, "tavid", timeout)
 
     def send_signal(self, sig: int):
         self.process.send_signal(sig)
@@ -952,3 +959,116 @@ def ip_apply(*texts: str) -> list:
 
 def gone(pid: int) -> bool:
     return not tavisim.process_running(pid)
+
+
+# ---------------------------------------------------------------------------------------------
+# taviweb, the HTTP front of the command port
+
+
+def taviweb_bin() -> str:
+    path = os.environ.get("TAVIWEB_BIN", "")
+    if not path:
+        pytest.skip("TAVIWEB_BIN is not set: name the taviweb binary to run its tests")
+    return path
+
+
+class Taviweb:
+    """taviweb started against a daemon's port: [launcher..., TAVIWEB_BIN, "-l",
+    "127.0.0.1:<port>", "-p", <tavid port>, *args], its standard streams in files of the
+    directory given."""
+
+    def __init__(self, directory: str, tavid_port: int, args=()):
+        self.port = free_port()
+        self.url = f"http://127.0.0.1:{self.port}"
+        self.command = [*launcher(), taviweb_bin(), "-l", f"127.0.0.1:{self.port}", "-p", str(tavid_port),
+                        *args]
+        self.out_path = os.path.join(directory, f"taviweb.{self.port}.out")
+        self.err_path = os.path.join(directory, f"taviweb.{self.port}.err")
+        self.process = None
+
+    def start(self):
+        with open(self.out_path, "wb") as out, open(self.err_path, "wb") as err:
+            self.process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=out, stderr=err)
+        return self
+
+    def running(self) -> bool:
+        return self.process is not None and self.process.poll() is None
+
+    def wait_listening(self, timeout: float = START_WAIT):
+        return wait_until_listening(self, "taviweb", timeout)
+
+    def stop(self, sig: int = signal.SIGTERM, timeout: float = STOP_WAIT) -> int:
+        self.process.send_signal(sig)
+        try:
+            return self.process.wait(timeout)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+            raise AssertionError(f"taviweb did not end within {timeout} s") from None
+
+    def finish(self):
+        if self.running():
+            self.stop()
+
+    def stdout(self) -> bytes:
+        return Path(self.out_path).read_bytes()
+
+    def stderr(self) -> bytes:
+        return Path(self.err_path).read_bytes()
+
+
+@pytest.fixture
+def taviweb(tmp_path):
+    """Factory taviweb(tavid_port, args=()) -> Taviweb, started and listening; each is ended
+    with SIGTERM at the end of the test and must end cleanly (status 0)."""
+    taviweb_bin()
+    started = []
+
+    def start(tavid_port: int, args=(), listen: bool = True) -> Taviweb:
+        web = Taviweb(str(tmp_path), tavid_port, args)
+        started.append(web)
+        web.start()
+        return web.wait_listening() if listen else web
+
+    yield start
+    statuses = []
+    for web in started:
+        if web.running():
+            statuses.append(web.stop())
+    assert all(status == 0 for status in statuses), statuses
+
+
+class Http:
+    """One HTTP exchange's outcome: status, headers (lower-case names) and body bytes."""
+
+    def __init__(self, status: int, headers: dict, body: bytes):
+        self.status, self.headers, self.body = status, headers, body
+
+    def json(self):
+        return json.loads(self.body)
+
+
+def fetch(url: str, method: str = "GET", body: bytes | None = None, headers: dict | None = None,
+         wait: float = REPLY_WAIT) -> Http:
+    """One request with its own connection (http.client, so that every header is as given)."""
+    parts = urlsplit(url)
+    connection = http.client.HTTPConnection(parts.hostname, parts.port, timeout=wait)
+    try:
+        target = (parts.path or "/") + (f"?{parts.query}" if parts.query else "")
+        connection.request(method, target, body=body, headers=headers or {})
+        response = connection.getresponse()
+        return Http(response.status, {name.lower(): value for name, value in response.getheaders()},
+                    response.read())
+    finally:
+        connection.close()
+
+
+def post_api(web: Taviweb, request_body: bytes, headers: dict | None = None) -> Http:
+    """POST /api with the JSON content type (and any other headers given)."""
+    return fetch(web.url + "/api", "POST", request_body, {"Content-Type": "application/json", **(headers or {})})
+
+
+def module_commands(box: tavisim.Box, command: str) -> int:
+    """How many frames of this command the box's modules have taken."""
+    return sum(1 for module in box.modules.values() for entry in module.commands()
+               if entry["command"] == command)

@@ -1,36 +1,23 @@
-/* tavictl: command-line client of tavid's JSON command port. One request per connection. The
- * daemon takes a request to be complete after 50 ms of silence, so the request is sent without
- * half-closing the socket, and the reply is read until the daemon closes the connection. */
+/* tavictl: command-line client of tavid's JSON command port: builds one request, sends it through
+ * the shared client and prints the reply. */
 
-#include <errno.h>
 #include <getopt.h>
 #include <jansson.h>
-#include <math.h>
-#include <netdb.h>
-#include <poll.h>
 #include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <memory>
 #include <string>
-#include <utility>
+
+#include "tavid_client.h"
+#include "tavid_json.h"
 
 namespace {
 
 #define TAVICTL_PROG "tavictl"
-#define TAVICTL_DEFAULT_HOST "127.0.0.1"
-#define TAVICTL_DEFAULT_PORT "49999"
-/* A module transaction may keep the daemon from answering for up to 30 s. */
-#define TAVICTL_DEFAULT_TIMEOUT_S 35.0
-#define TAVICTL_MAX_TIMEOUT_S 3600.0
-#define TAVICTL_PORT_MAX 65535UL
-#define TAVICTL_CHUNK_SIZE 4096
 
 typedef enum tavictl_status_t : int {
   TAVICTL_OK = 0,
@@ -56,34 +43,6 @@ typedef struct tavictl_options_t {
   char** operands; /* ACTION OBJECT key=value ... */
   int operand_count;
 } tavictl_options_t;
-
-struct json_deleter {
-  void operator()(json_t* json) const { json_decref(json); }
-};
-using json_ptr = std::unique_ptr<json_t, json_deleter>;
-
-struct text_deleter {
-  void operator()(char* text) const { free(text); }
-};
-using text_ptr = std::unique_ptr<char, text_deleter>;
-
-struct addrinfo_deleter {
-  void operator()(struct addrinfo* list) const { freeaddrinfo(list); }
-};
-using addrinfo_ptr = std::unique_ptr<struct addrinfo, addrinfo_deleter>;
-
-/* Owner of one socket descriptor. */
-struct tavictl_socket_t {
-  int fd = -1;
-  tavictl_socket_t() = default;
-  tavictl_socket_t(const tavictl_socket_t&) = delete;
-  tavictl_socket_t& operator=(const tavictl_socket_t&) = delete;
-  ~tavictl_socket_t() {
-    if (fd >= 0) close(fd);
-  }
-};
-
-using tavictl_clock = std::chrono::steady_clock;
 
 const char tavictl_help[] =
     "NAME\n"
@@ -198,24 +157,6 @@ __attribute__((format(printf, 1, 2))) tavictl_status_t tavictl_usage_error(const
   return TAVICTL_ERROR;
 }
 
-bool tavictl_valid_port(const char* text) {
-  if (text[0] < '0' || text[0] > '9') return false;
-  char* end = NULL;
-  errno = 0;
-  unsigned long port = strtoul(text, &end, 10);
-  return errno == 0 && *end == '\0' && port >= 1 && port <= TAVICTL_PORT_MAX;
-}
-
-bool tavictl_parse_timeout(const char* text, double* timeout_s) {
-  char* end = NULL;
-  double value = strtod(text, &end);
-  if (end == text || *end != '\0' || !isfinite(value) || value <= 0 || value > TAVICTL_MAX_TIMEOUT_S) {
-    return false;
-  }
-  *timeout_s = value;
-  return true;
-}
-
 /* The option as the user wrote it, for messages. A value can only be missing from the last word,
  * so that word names the option; an unknown short option may sit inside a group ("-vx"), so
  * getopt's optopt names it, while an unknown long one leaves optopt at 0. */
@@ -242,12 +183,12 @@ tavictl_status_t tavictl_take_option(int opt, char** argv, tavictl_options_t* op
       return TAVICTL_OK;
     case 'p':
       options->port = optarg;
-      if (tavictl_valid_port(optarg)) return TAVICTL_OK;
-      return tavictl_usage_error("invalid port '%s' (1 to %lu)", optarg, TAVICTL_PORT_MAX);
+      if (tavid_client_valid_port(optarg)) return TAVICTL_OK;
+      return tavictl_usage_error("invalid port '%s' (1 to 65535)", optarg);
     case 't':
-      if (tavictl_parse_timeout(optarg, &options->timeout_s)) return TAVICTL_OK;
+      if (tavid_client_parse_timeout(optarg, &options->timeout_s)) return TAVICTL_OK;
       return tavictl_usage_error("invalid time-out '%s' (seconds, above 0, at most %g)", optarg,
-                                 TAVICTL_MAX_TIMEOUT_S);
+                                 TAVID_CLIENT_MAX_TIMEOUT_S);
     case TAVICTL_OPT_RAW:
       options->raw = optarg;
       return TAVICTL_OK;
@@ -369,110 +310,16 @@ tavictl_status_t tavictl_build_request(const tavictl_options_t* options, std::st
   return TAVICTL_OK;
 }
 
-int tavictl_remaining_ms(tavictl_clock::time_point deadline) {
-  auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - tavictl_clock::now());
-  return left.count() > 0 ? static_cast<int>(left.count()) : 0;
-}
-
-/* Waits until `fd` is ready for `events`; false with errno set on failure or at the deadline. */
-bool tavictl_wait(int fd, short events, tavictl_clock::time_point deadline) {
-  struct pollfd watched = {fd, events, 0};
-  for (;;) {
-    int ready = poll(&watched, 1, tavictl_remaining_ms(deadline));
-    if (ready > 0) return true;
-    if (ready == 0) {
-      errno = ETIMEDOUT;
-      return false;
-    }
-    if (errno != EINTR) return false;
-  }
-}
-
-/* Completes a non-blocking connect; the socket's own error lands in errno. */
-bool tavictl_connected(int fd, tavictl_clock::time_point deadline) {
-  if (errno != EINPROGRESS || !tavictl_wait(fd, POLLOUT, deadline)) return false;
-  int error = 0;
-  socklen_t length = sizeof(error);
-  if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) < 0) return false;
-  errno = error;
-  return error == 0;
-}
-
-bool tavictl_connect_to(const struct addrinfo* ai, tavictl_socket_t* sock,
-                        tavictl_clock::time_point deadline) {
-  sock->fd = socket(ai->ai_family, ai->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, ai->ai_protocol);
-  if (sock->fd < 0) return false;
-  return connect(sock->fd, ai->ai_addr, ai->ai_addrlen) == 0 || tavictl_connected(sock->fd, deadline);
-}
-
-/* Tries every address of the host in turn. */
-tavictl_status_t tavictl_connect(const tavictl_options_t* options, tavictl_socket_t* sock,
-                                 tavictl_clock::time_point deadline) {
-  struct addrinfo hints;
-  memset(&hints, 0, sizeof(hints));
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  struct addrinfo* list = NULL;
-  int result = getaddrinfo(options->host, options->port, &hints, &list);
-  if (result != 0) {
-    fprintf(stderr, TAVICTL_PROG ": cannot resolve '%s' (%s)\n", options->host, gai_strerror(result));
-    return TAVICTL_UNREACHABLE;
-  }
-  addrinfo_ptr owner(list);
-  for (const struct addrinfo* ai = list; ai != NULL; ai = ai->ai_next) {
-    tavictl_socket_t attempt;
-    if (tavictl_connect_to(ai, &attempt, deadline)) {
-      std::swap(sock->fd, attempt.fd);
-      return TAVICTL_OK;
-    }
-  }
-  fprintf(stderr, TAVICTL_PROG ": cannot reach tavid at %s port %s (%s)\n", options->host, options->port,
-          strerror(errno));
-  return TAVICTL_UNREACHABLE;
-}
-
-bool tavictl_send_all(int fd, const std::string& text, tavictl_clock::time_point deadline) {
-  size_t sent = 0;
-  while (sent < text.size()) {
-    if (!tavictl_wait(fd, POLLOUT, deadline)) return false;
-    ssize_t count = send(fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-    if (count > 0) sent += static_cast<size_t>(count);
-    if (count < 0 && errno != EINTR && errno != EAGAIN) return false;
-  }
-  return true;
-}
-
-bool tavictl_receive_all(int fd, std::string* reply, tavictl_clock::time_point deadline) {
-  char chunk[TAVICTL_CHUNK_SIZE];
-  for (;;) {
-    if (!tavictl_wait(fd, POLLIN, deadline)) return false;
-    ssize_t count = recv(fd, chunk, sizeof(chunk), 0);
-    if (count == 0) return true;
-    if (count > 0) reply->append(chunk, static_cast<size_t>(count));
-    if (count < 0 && errno != EINTR && errno != EAGAIN) return false;
-  }
-}
-
-/* Sends the request and collects the reply until the daemon closes. The sending side is never
- * shut: after a half-close the daemon's reads return 0 instead of timing out, so it would not
- * see the request end. */
+/* Sends the request and collects the reply until the daemon closes. */
 tavictl_status_t tavictl_exchange(const tavictl_options_t* options, const std::string& request,
                                   std::string* reply) {
-  std::chrono::duration<double> timeout(options->timeout_s);
-  auto deadline = tavictl_clock::now() + std::chrono::duration_cast<tavictl_clock::duration>(timeout);
-  tavictl_socket_t sock;
-  tavictl_status_t status = tavictl_connect(options, &sock, deadline);
-  if (status != TAVICTL_OK) return status;
-  if (tavictl_send_all(sock.fd, request, deadline) && tavictl_receive_all(sock.fd, reply, deadline)) {
-    return TAVICTL_OK;
-  }
-  if (errno == ETIMEDOUT) {
-    fprintf(stderr, TAVICTL_PROG ": no complete reply from %s port %s within %g s\n", options->host,
-            options->port, options->timeout_s);
-  } else {
-    fprintf(stderr, TAVICTL_PROG ": exchange with %s port %s failed (%s)\n", options->host, options->port,
-            strerror(errno));
-  }
+  tavid_client_t client;
+  client.host = options->host;
+  client.port = options->port;
+  client.timeout_s = options->timeout_s;
+  tavid_client_failure_t failure = tavid_client_exchange(&client, request, reply);
+  if (failure.err == TAVID_CLIENT_OK) return TAVICTL_OK;
+  fprintf(stderr, TAVICTL_PROG ": %s\n", tavid_client_describe(&client, failure).c_str());
   return TAVICTL_UNREACHABLE;
 }
 
@@ -519,7 +366,7 @@ tavictl_status_t tavictl_run(const tavictl_options_t* options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  tavictl_options_t options = {TAVICTL_DEFAULT_HOST, TAVICTL_DEFAULT_PORT, TAVICTL_DEFAULT_TIMEOUT_S};
+  tavictl_options_t options = {TAVID_CLIENT_DEFAULT_HOST, TAVID_CLIENT_DEFAULT_PORT, TAVID_CLIENT_DEFAULT_TIMEOUT_S};
   tavictl_status_t status = tavictl_parse_options(argc, argv, &options);
   if (status != TAVICTL_OK) return status;
   if (options.help) {

@@ -70,7 +70,7 @@ def steps() -> list:
         # The memory figures of the command channel's bounds, on that daemon run natively: under
         # the sanitizers, valgrind or qemu-arm they say nothing of the daemon and the test skips
         # them, so here it must pass, not skip.
-        Step("limits-memory", "TAVID_BIN=$PWD/build/valgrind/src/tavid TAVICTL_BIN=$PWD/build/valgrind/src/tavictl "
+        Step("limits-memory", "TAVID_BIN=$PWD/build/valgrind/src/tavid TAVICTL_BIN=$PWD/build/valgrind/tavictl/tavictl "
              f"{py} -m pytest -q -rs -p no:cacheprovider tests/integration/test_12_limits.py -k memory "
              "| tee /dev/stderr | grep -q '^1 passed'", needs=("valgrind-build",), netns=True),
         # The host build under the sanitizers.

@@ -16,6 +16,7 @@
 #include "fuzz_support.h"
 #include "i2c.h"
 #include "mod_tarn.h"
+#include "utf8.h"
 
 namespace {
 
@@ -159,9 +160,15 @@ void check_name(const input_t& in, mod_tarn_err_t result, const char* name, cons
     return;
   }
   const bytes_t rpl = read_bytes(in, rpl_size);
-  const size_t length = std::min<size_t>(rpl[MOD_TARN_RPL_LEN_OFFSET], size - 1);
-  check(memcmp(name, rpl.data() + MOD_TARN_RPL_HEADER_SIZE, length) == 0 && name[length] == '\0',
-        "the name is not the payload's");
+  const char* text = reinterpret_cast<const char*>(rpl.data() + MOD_TARN_RPL_HEADER_SIZE);
+  const size_t whole = rpl[MOD_TARN_RPL_LEN_OFFSET];
+  const size_t limit = std::min<size_t>(whole, size - 1);
+  /* A payload longer than the buffer is cut between characters: at most the three bytes of a
+   * character that did not fit are dropped. */
+  const size_t length = utf8_cut(text, whole, size - 1);
+  check(length <= limit && limit - length < 4 && (length == limit || whole > size - 1),
+        "the name is not cut between characters");
+  check(memcmp(name, text, length) == 0 && name[length] == '\0', "the name is not the payload's");
 }
 
 template <size_t SIZE>

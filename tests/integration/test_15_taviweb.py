@@ -103,6 +103,8 @@ def test_a_missing_authentication_file_exits_1(tmp_path):
 def test_sigterm_and_sigint_end_it_cleanly(taviweb, sig):
     web = taviweb(free_port(), ["-v"])
     assert fetch(web.url + "/metrics").status == 200
+    # A request is logged once its answer has gone out, which the client may see first.
+    wait_for(lambda: web.stdout().endswith(b"GET /metrics 200\n"), what="the request logged")
     assert web.stop(sig) == 0
     assert web.stdout() == (f"taviweb: serving http://127.0.0.1:{web.port}, tavid at 127.0.0.1 port "
                             f"{web.command[-2]}\ntaviweb: GET /metrics 200\n"

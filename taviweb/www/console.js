@@ -1,0 +1,420 @@
+// The operator's console. What it knows of the box comes from the box itself: the objects,
+// their actions, arguments and accepted words from GET /api/schema; which objects and instances
+// this box has from tavid's answers to gets through POST /api; the status from GET /api/status,
+// taviweb's shared cache, at the cache's own interval. Only the texts an operator reads are
+// written here: LABELS and CONFIRMATIONS, keyed by name; a name missing there is shown as it is.
+
+// Friendlier texts for names of the box, for presentation only.
+const LABELS = {
+  device_status: "Box", input_hdmi_status: "HDMI input", output_rf_status: "RF output",
+  output_ip_status: "IP output", device: "Output mode", output_mode: "Output mode", temperature: "Temperature (°C)",
+  input_hdmi_enc: "Encoder", input_hdmi_ts: "Transport stream", input_hdmi_services: "Services",
+  input_hdmi_streams: "Streams", lock: "Locked (1 = yes)",
+  video_format: "Video format", video_gopsize: "GOP size", debug_code: "Hardware debug code",
+  output_rf_mod: "Modulation", output_rf_ts: "Transport stream", output_rf_services: "Services",
+  output_calibration: "I/Q calibration",
+  output_ip_dst: "Destination", output_ip_ts: "Transport stream", output_ip_services: "Services",
+  output_ip_ifconfig: "Streaming interface (eth1)",
+  type: "Type", frequency: "Frequency (kHz)", level: "Level (dBm)", bandwidth: "Bandwidth (MHz)",
+  symbolrate: "Symbol rate (kbaud)", constellation: "Constellation", guardinterval: "Guard interval",
+  coderate: "Code rate", fftmode: "FFT mode", carriertype: "Carrier type", interleave: "Interleave",
+  syncframe: "Sync frame", enabled: "Enabled (1 = on)", max_bitrate: "Maximum bitrate (kbit/s)",
+  bitrate: "Bitrate (kbit/s)", overflow: "Overflow", ts_tag: "TS tag", tsid: "TSID", onid: "ONID",
+  nid: "NID", private_data_specifier: "Private data specifier", network_name: "Network name",
+  network_version: "Network version", service_tag: "Service tag", sid: "SID", service_name: "Name",
+  lcn: "LCN", pmt_pid: "PMT PID", stream_tag: "Stream tag", pid: "PID", dst_addr: "Destination address",
+  dst_port: "Destination port", dhcp: "DHCP (1 = on)", address: "Address", netmask: "Netmask",
+  gateway: "Gateway", dns: "DNS server", state: "State", code: "Code", i: "I", q: "Q",
+  store_settings: "Store the settings", restore_settings: "Restore the stored settings", reset: "Reset",
+};
+
+// What an action does, said before it runs: by argument name and word, or by object name.
+const CONFIRMATIONS = {
+  level: {
+    0: "The box reboots. Nothing is erased.",
+    1: "Erases the management network settings (eth0 address and network configuration), then the box reboots.",
+    2: "Erases the stored settings of the inputs and outputs and the streaming interface's (eth1) settings, then the box reboots.",
+    3: "Erases everything the box has stored (all its settings and network configuration), then the box reboots.",
+  },
+  output_mode: "The box changes its output mode: that mode's factory settings replace the current settings and tavid restarts.",
+  restore_settings: "The stored settings replace the current ones.",
+};
+
+const $ = (selector) => document.querySelector(selector);
+const label = (name) => LABELS[name] ?? name;
+let schema = null;      // objects by name, in the daemon's order
+let statusNames = new Set();
+let statusTimer = 0;
+let answering = null;   // whether tavid answered the last status round
+let nextId = 0;
+
+// ---------------------------------------------------------------------------------------------
+// Talking to taviweb
+
+class Unreachable extends Error {}
+
+async function fetchJSON(path, options) {
+  let response;
+  try {
+    response = await fetch(path, { cache: "no-cache", ...options });
+  } catch (failure) {
+    throw new Unreachable(`taviweb does not answer (${failure.message})`);
+  }
+  const body = await response.json().catch(() => null);
+  if (response.status === 502) throw new Unreachable(body?.error ?? "tavid does not answer");
+  if (!response.ok) throw new Error(body?.error ?? `HTTP ${response.status}`);
+  return body;
+}
+
+async function ask(action, object, args) {
+  try {
+    return await fetchJSON("api", {
+      method: "POST", headers: { "Content-Type": "application/json" },
+      body: JSON.stringify({ action, object, args }),
+    });
+  } catch (failure) {
+    if (failure instanceof Unreachable) showDown(failure.message);
+    throw failure;
+  }
+}
+
+// The elements of a get's reply, or null for an error or a warning.
+function elements(reply) {
+  if (reply.result !== undefined) return [reply.result];
+  if (Array.isArray(reply.arrayedResult)) return reply.arrayedResult;
+  return null;
+}
+
+// A reply in words: null when it is a success.
+function replyText(reply) {
+  if (reply.errorCode !== undefined) return `The box refused this (error ${reply.errorCode}): ${reply.description}`;
+  if (reply.warningCode !== undefined) return `The box could not do this (warning ${reply.warningCode}): ${reply.description}`;
+  return null;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The banner and the status rounds
+
+function showDown(why) {
+  const banner = $("#banner");
+  banner.textContent = `tavid does not answer: ${why}. The console tries again by itself.`;
+  banner.hidden = false;
+  answering = false;
+  $("#summary").textContent = "tavid: not answering";
+}
+
+async function statusRound() {
+  clearTimeout(statusTimer);
+  let interval = 5;
+  try {
+    const status = await fetchJSON("api/status");
+    interval = status.interval;
+    if (!status.up) {
+      showDown(status.error);
+    } else if (answering === false || schema === null) {
+      // tavid is back (perhaps restarted in another mode): everything is read again.
+      answering = true;
+      $("#banner").hidden = true;
+      await discover(status);
+    } else {
+      showStatus(status);
+    }
+  } catch (failure) {
+    showDown(failure.message);
+  }
+  statusTimer = setTimeout(statusRound, interval * 1000);
+}
+
+function showStatus(status) {
+  answering = true;
+  $("#banner").hidden = true;
+  for (const [name, reply] of Object.entries(status.objects)) {
+    const object = schema.get(name);
+    if (!object) continue;
+    for (const element of elements(reply) ?? []) {
+      const box = document.getElementById(`status-${name}-${element[object?.id] ?? ""}`);
+      if (box) fillStatus(box, object, element);
+    }
+  }
+  $("#summary").textContent = `tavid: answering · status of ${new Date(Date.now() - status.age * 1000).toLocaleTimeString()}`;
+}
+
+function fillStatus(box, object, element) {
+  box.replaceChildren();
+  for (const [key, value] of Object.entries(element)) {
+    if (key === object?.id) continue;
+    const term = document.createElement("dt");
+    term.textContent = label(key);
+    const detail = document.createElement("dd");
+    detail.textContent = value;
+    detail.dataset.status = key;
+    box.append(term, detail);
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Finding what the box has
+
+const nests = (object) => object.args.some((arg) => arg.args || arg.items);
+
+async function discover(status) {
+  const main = $("#console");
+  main.setAttribute("aria-busy", "true");
+  if (schema === null) {
+    const described = await fetchJSON("api/schema");
+    schema = new Map(described.objects.map((object) => [object.name, object]));
+  }
+  statusNames = new Set(Object.keys(status.objects));
+  const groups = new Map();   // "<id key>=<value>" (or "" for the box-wide objects) -> group
+  const group = (key, value) => {
+    const name = key ? `${key}=${value}` : "";
+    if (!groups.has(name)) groups.set(name, { key, value, parts: [] });
+    return groups.get(name);
+  };
+  for (const [name, reply] of Object.entries(status.objects)) {
+    const object = schema.get(name);
+    if (!object) continue;
+    for (const element of elements(reply) ?? []) group(object.id, element[object.id]).parts.push({ object, status: element });
+  }
+  for (const object of schema.values()) {
+    // A whole record (the one the settings file keeps) is shown through its parts.
+    if (statusNames.has(object.name) || nests(object)) continue;
+    if (!object.actions.includes("get")) {
+      group("", "").parts.push({ object, elements: [] });
+      continue;
+    }
+    const reply = await ask("get", object.name, {});
+    const found = elements(reply);
+    if (found === null && object.id) continue;   // not in this output mode
+    if (found === null) {
+      group("", "").parts.push({ object, elements: [], problem: replyText(reply) });
+      continue;
+    }
+    const byInstance = new Map();
+    for (const element of found) {
+      const value = object.id ? element[object.id] : "";
+      if (!byInstance.has(value)) byInstance.set(value, []);
+      byInstance.get(value).push(element);
+    }
+    for (const [value, list] of byInstance) group(object.id, value).parts.push({ object, elements: list });
+  }
+  main.replaceChildren(...[...groups.values()].map((one) => renderGroup(one, groups)));
+  main.setAttribute("aria-busy", "false");
+  showStatus(status);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Rendering
+
+function element(tag, attributes = {}, ...children) {
+  const node = document.createElement(tag);
+  for (const [name, value] of Object.entries(attributes)) {
+    if (name === "text") node.textContent = value;
+    else node.setAttribute(name, value);
+  }
+  node.append(...children);
+  return node;
+}
+
+// A group is named after its status object (or its first object), numbered when the box has
+// several of its kind.
+function groupTitle(group, groups) {
+  if (!group.key) return "Settings and maintenance";
+  const named = group.parts.find((part) => part.status) ?? group.parts[0];
+  const several = [...groups.values()].filter((other) => other.key === group.key).length > 1;
+  return several ? `${label(named.object.name)} ${group.value}` : label(named.object.name);
+}
+
+function renderGroup(group, groups) {
+  const id = `group-${nextId++}`;
+  const section = element("section", { class: "group", "aria-labelledby": id },
+    element("h2", { id, text: groupTitle(group, groups) }));
+  for (const part of group.parts) section.append(renderPart(part, group));
+  return section;
+}
+
+function renderPart(part, group) {
+  const { object } = part;
+  const block = element("div", { class: "part", "data-object": object.name },
+    element("h3", { text: part.status ? "Status" : label(object.name) }));
+  if (part.status) {
+    const list = element("dl", { id: `status-${object.name}-${group.value}`, class: "status" });
+    fillStatus(list, object, part.status);
+    block.append(list);
+  } else if (!object.actions.includes("get")) {
+    block.append(renderActions(object));
+  } else {
+    if (part.problem) block.append(element("p", { class: "problem", role: "alert", text: part.problem }));
+    block.append(...part.elements.map((values) => renderForm(object, values, group)));
+  }
+  return block;
+}
+
+// An object that is only executed: one button, or one per accepted word of its argument.
+function renderActions(object) {
+  const form = element("form", { class: "actions", "aria-label": label(object.name) });
+  const output = element("output", { role: "status" });
+  const run = async (args, title, confirmation) => {
+    if (confirmation && !(await confirmed(title, confirmation))) return;
+    await submit(form, output, "execute", object, args, () => {});
+  };
+  const choices = object.args.find((arg) => arg.words);
+  const words = choices ? choices.words : [null];
+  for (const word of words) {
+    const title = word === null ? label(object.name) : `${label(object.name)} (${label(choices.name)} ${word})`;
+    const confirmation = word === null ? CONFIRMATIONS[object.name] : CONFIRMATIONS[choices.name]?.[word];
+    const button = element("button", { type: "button", text: title });
+    if (word !== null) button.classList.add("danger");
+    button.addEventListener("click", () => run(word === null ? {} : { [choices.name]: word }, title, confirmation));
+    form.append(button);
+  }
+  form.append(output);
+  return form;
+}
+
+function confirmed(title, text) {
+  const dialog = $("#confirm");
+  $("#confirm-title").textContent = `${title}?`;
+  $("#confirm-text").textContent = text;
+  $("#confirm-button").textContent = title;
+  return new Promise((resolve) => {
+    dialog.addEventListener("close", () => resolve(dialog.returnValue === "confirm"), { once: true });
+    dialog.returnValue = "cancel";
+    dialog.showModal();
+  });
+}
+
+// The action that changes an object: set, or execute for an object that is changed by running it.
+const changeAction = (object) => ["set", "execute"].find((action) => object.actions.includes(action));
+
+function renderForm(object, values, group) {
+  const action = changeAction(object);
+  const known = new Map(object.args.map((arg) => [arg.name, arg]));
+  const form = element("form", { class: "object", novalidate: "" });
+  const title = elementTitle(object, values);
+  if (title) form.append(element("h4", { text: title }));
+  form.setAttribute("aria-label", [label(object.name), group.value, title].filter((text) => text !== "").join(" "));
+  // What identifies the element is in its title and goes back with every change.
+  const fixed = new Map(identity(object, values));
+  const keys = [...Object.keys(values), ...[...known.keys()].filter((name) => !(name in values))]
+    .filter((name) => !fixed.has(name));
+  const fields = [];
+  for (const key of keys) {
+    const value = values[key];
+    const arg = known.get(key);
+    if (key === object.id || (value !== undefined && typeof value !== "string") || arg?.args || arg?.items) continue;
+    if (value === undefined && arg?.set === false) continue;
+    // Keys the description does not name are the box's own pass-through settings when it names
+    // no argument at all; otherwise they identify the element (tags) and go back unchanged.
+    const editable = Boolean(action) && (arg ? arg.set !== false : known.size === 0);
+    fields.push(renderField(form, key, value ?? "", arg, editable));
+  }
+  form.append(...fields.map((field) => field.row));
+  const output = element("output", { role: "status", "aria-live": "polite" });
+  if (action) {
+    form.append(element("div", { class: "buttons" }, element("button", { text: action === "set" ? "Save" : "Apply" })));
+  }
+  form.append(output);
+  form.addEventListener("submit", async (event) => {
+    event.preventDefault();
+    const args = { ...(object.id ? { [object.id]: group.value } : {}), ...Object.fromEntries(fixed) };
+    const changes = [];
+    for (const field of fields) {
+      const changed = field.control.value !== field.control.dataset.value;
+      if (!field.editable || changed || field.arg?.mandatory) args[field.key] = field.control.value;
+      if (field.editable && changed) changes.push(field);
+    }
+    if (changes.length === 0) {
+      output.textContent = "Nothing changed.";
+      return;
+    }
+    if (action === "execute") {
+      const texts = changes.map((field) => CONFIRMATIONS[field.key]).filter((text) => typeof text === "string");
+      if (texts.length && !(await confirmed(`${label(object.name)}: ${changes.map((f) => f.control.value).join(", ")}`, texts.join(" ")))) return;
+    }
+    await submit(form, output, action, object, args, () => reread(form, object, group, values));
+  });
+  return form;
+}
+
+// What tells one element of an object from the others (the tags of a service, a stream): the
+// values of the arguments that the box only reports.
+function identity(object, values) {
+  const fixed = object.args.filter((arg) => arg.set === false && arg.name !== object.id && arg.name in values);
+  return fixed.map((arg) => [arg.name, values[arg.name]]);
+}
+
+const elementTitle = (object, values) => identity(object, values).map(([key, value]) => `${label(key)} ${value}`).join(", ");
+
+function renderField(form, key, value, arg, editable) {
+  const id = `field-${nextId++}`;
+  let control;
+  if (editable && arg?.words) {
+    control = element("select", { id, name: key });
+    const words = arg.words.includes(value) ? arg.words : [value, ...arg.words];
+    control.append(...words.map((word) => element("option", { value: word, text: word })));
+    control.value = value;
+  } else {
+    control = element("input", { id, name: key, value, autocomplete: "off", spellcheck: "false" });
+    if (!editable) control.readOnly = true;
+  }
+  control.dataset.value = value;
+  control.dataset.arg = key;
+  const message = element("span", { class: "field-problem", id: `${id}-problem`, role: "alert" });
+  control.setAttribute("aria-describedby", message.id);
+  const row = element("div", { class: editable ? "field" : "field fixed" },
+    element("label", { for: id, text: label(key) }), control, message);
+  return { key, arg, editable, control, message, row };
+}
+
+async function submit(form, output, action, object, args, done) {
+  for (const problem of form.querySelectorAll(".field-problem")) problem.textContent = "";
+  for (const invalid of form.querySelectorAll("[aria-invalid]")) invalid.removeAttribute("aria-invalid");
+  form.setAttribute("aria-busy", "true");
+  output.className = "";
+  output.textContent = "Sending…";
+  let reply;
+  try {
+    reply = await ask(action, object.name, args);
+  } catch (failure) {
+    output.className = "problem";
+    output.textContent = `Not sent: ${failure.message}`;
+    form.setAttribute("aria-busy", "false");
+    return;
+  }
+  form.setAttribute("aria-busy", "false");
+  const problem = replyText(reply);
+  if (problem) {
+    output.className = "problem";
+    output.textContent = problem;
+    markField(form, reply.description, problem);
+    return;
+  }
+  output.textContent = action === "set" ? "Saved." : "Done.";
+  await done();
+}
+
+// The daemon names the argument it refused in brackets at the end of its description.
+function markField(form, description, problem) {
+  const named = /\(([^()]*)\)$/.exec(description ?? "");
+  const control = named && form.querySelector(`[data-arg="${CSS.escape(named[1])}"]`);
+  if (!control) return;
+  control.setAttribute("aria-invalid", "true");
+  document.getElementById(`${control.id}-problem`).textContent = problem;
+}
+
+// After a change, the object is read again: the form shows what the box now holds.
+async function reread(form, object, group, values) {
+  const args = object.id ? { [object.id]: group.value } : {};
+  const reply = await ask("get", object.name, args);
+  const found = elements(reply);
+  if (found === null) return;
+  const title = elementTitle(object, values);
+  const fresh = found.find((candidate) => elementTitle(object, candidate) === title) ?? found[0];
+  const message = form.querySelector("output").textContent;
+  const replacement = renderForm(object, fresh, group);
+  replacement.querySelector("output").textContent = message;
+  form.replaceWith(replacement);
+}
+
+statusRound();

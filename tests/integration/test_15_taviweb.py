@@ -6,6 +6,7 @@ Environment: TAVIWEB_BIN names the taviweb binary (the tests are skipped without
 the daemon's; TAVID_LAUNCHER is put in front of both.
 """
 
+import hashlib
 import json
 import re
 import signal
@@ -13,6 +14,7 @@ import socket
 import subprocess
 import threading
 import time
+from pathlib import Path
 
 import pytest
 
@@ -23,6 +25,11 @@ GET_DEVICE = b'{"action":"get","object":"device","args":{"device_id":"0"}}'
 METRICS_TYPE = "text/plain; version=0.0.4; charset=utf-8"
 # A long refresh interval: every status request of a test falls into one round.
 LONG = ("-i", "600")
+# The console's files, as built into taviweb.
+WWW = Path(__file__).resolve().parents[2] / "taviweb" / "www"
+WWW_TYPES = {".html": "text/html; charset=utf-8", ".js": "text/javascript; charset=utf-8",
+             ".css": "text/css; charset=utf-8", ".svg": "image/svg+xml", ".json": "application/json",
+             ".png": "image/png", ".ico": "image/x-icon"}
 # The output status object of each mode.
 OUTPUT_STATUS = {"rf": "output_rf_status", "ip_spts": "output_ip_status", "ip_mpts": "output_ip_status"}
 
@@ -421,6 +428,74 @@ def test_without_authentication_no_password_is_asked(rf_box, taviweb):
     box, daemon = rf_box
     web = taviweb(daemon.port, LONG)
     assert fetch(web.url + "/api/status", headers=basic("anyone", "anything")).status == 200
+
+
+# ---------------------------------------------------------------------------------------------
+# The console's files
+
+
+def www_files() -> dict:
+    """Path -> the file's bytes: every file of the folder at /<name>, and index.html at /."""
+    files = {"/" + path.name: path.read_bytes() for path in sorted(WWW.iterdir())}
+    files["/"] = files["/index.html"]
+    return files
+
+
+def www_type(path: str) -> str:
+    return WWW_TYPES[Path("/index.html" if path == "/" else path).suffix]
+
+
+def etag_of(content: bytes) -> str:
+    return '"' + hashlib.sha256(content).hexdigest()[:32] + '"'
+
+
+def test_every_file_of_the_console_is_served_with_its_type_and_tag(rf_box, taviweb):
+    box, daemon = rf_box
+    web = taviweb(daemon.port, LONG)
+    files = www_files()
+    assert len(files) >= 2
+    for path, content in files.items():
+        answer = fetch(web.url + path)
+        assert (answer.status, answer.body) == (200, content), path
+        assert answer.headers["content-type"] == www_type(path)
+        assert answer.headers["cache-control"] == "no-cache"
+        assert answer.headers["etag"] == etag_of(content)
+        assert answer.headers["content-length"] == str(len(content))
+        assert answer.headers["x-content-type-options"] == "nosniff"
+        head = fetch(web.url + path, "HEAD")
+        assert (head.status, head.body, head.headers["content-length"]) == (200, b"", str(len(content)))
+    assert fetch(web.url + "/index.htm").status == 404
+    assert fetch(web.url + "/", "POST", b"x").status == 405
+
+
+def test_a_reload_of_an_unchanged_file_costs_a_304(rf_box, taviweb):
+    box, daemon = rf_box
+    web = taviweb(daemon.port, LONG)
+    for path, content in www_files().items():
+        tag = etag_of(content)
+        for sent in (tag, f'W/{tag}', f'"other", {tag}', "*"):
+            answer = fetch(web.url + path, headers={"If-None-Match": sent})
+            assert (answer.status, answer.body) == (304, b""), (path, sent)
+            assert (answer.headers["etag"], answer.headers["cache-control"]) == (tag, "no-cache")
+        changed = fetch(web.url + path, headers={"If-None-Match": '"' + "0" * 32 + '"'})
+        assert (changed.status, changed.body) == (200, content), path
+    metrics = fetch(web.url + "/metrics").body.decode()
+    assert 'tavi_web_http_requests_total{path="/",code="304"} 4' in metrics
+    assert 'tavi_web_http_requests_total{path="/",code="200"} 1' in metrics
+
+
+def test_with_authentication_the_console_needs_the_password(rf_box, taviweb, users):
+    box, daemon = rf_box
+    web = taviweb(daemon.port, [*LONG, "--auth", users])
+    for path, content in www_files().items():
+        for headers in ({}, basic("operator", "open sesamE")):
+            answer = fetch(web.url + path, headers=headers)
+            assert (answer.status, answer.body) == (401, error_body("authentication required")), path
+            assert answer.headers["www-authenticate"] == 'Basic realm="taviweb", charset="UTF-8"'
+        refused_304 = fetch(web.url + path, headers={"If-None-Match": etag_of(content)})
+        assert refused_304.status == 401
+        answer = fetch(web.url + path, headers=basic("operator", "open sesame"))
+        assert (answer.status, answer.body) == (200, content), path
 
 
 # ---------------------------------------------------------------------------------------------

@@ -227,8 +227,8 @@ function groupTitle(group, groups) {
 
 function renderGroup(group, groups) {
   const id = `group-${nextId++}`;
-  const section = element("section", { class: "group", "aria-labelledby": id },
-    element("h2", { id, text: groupTitle(group, groups) }));
+  group.title = groupTitle(group, groups);
+  const section = element("section", { class: "group", "aria-labelledby": id }, element("h2", { id, text: group.title }));
   for (const part of group.parts) section.append(renderPart(part, group));
   return section;
 }
@@ -242,7 +242,7 @@ function renderPart(part, group) {
     fillStatus(list, object, part.status);
     block.append(list);
   } else if (!object.actions.includes("get")) {
-    block.append(renderActions(object));
+    block.append(renderActions(object, group));
   } else {
     if (part.problem) block.append(element("p", { class: "problem", role: "alert", text: part.problem }));
     block.append(...part.elements.map((values) => renderForm(object, values, group)));
@@ -251,17 +251,17 @@ function renderPart(part, group) {
 }
 
 // An object that is only executed: one button, or one per accepted word of its argument.
-function renderActions(object) {
-  const form = element("form", { class: "actions", "aria-label": label(object.name) });
+function renderActions(object, group) {
+  const form = element("form", { class: "actions", "aria-label": `${group.title}: ${label(object.name)}` });
   const output = element("output", { role: "status" });
   const run = async (args, title, confirmation) => {
     if (confirmation && !(await confirmed(title, confirmation))) return;
-    await submit(form, output, "execute", object, args, () => {});
+    await submit(form, output, "execute", object, args, () => form);
   };
   const choices = object.args.find((arg) => arg.words);
   const words = choices ? choices.words : [null];
   for (const word of words) {
-    const title = word === null ? label(object.name) : `${label(object.name)} (${label(choices.name)} ${word})`;
+    const title = word === null ? label(object.name) : `${label(object.name)} (${choices.name} ${word})`;
     const confirmation = word === null ? CONFIRMATIONS[object.name] : CONFIRMATIONS[choices.name]?.[word];
     const button = element("button", { type: "button", text: title });
     if (word !== null) button.classList.add("danger");
@@ -293,7 +293,7 @@ function renderForm(object, values, group) {
   const form = element("form", { class: "object", novalidate: "" });
   const title = elementTitle(object, values);
   if (title) form.append(element("h4", { text: title }));
-  form.setAttribute("aria-label", [label(object.name), group.value, title].filter((text) => text !== "").join(" "));
+  form.setAttribute("aria-label", `${group.title}: ${label(object.name)}${title ? ` · ${title}` : ""}`);
   // What identifies the element is in its title and goes back with every change.
   const fixed = new Map(identity(object, values));
   const keys = [...Object.keys(values), ...[...known.keys()].filter((name) => !(name in values))]
@@ -390,8 +390,8 @@ async function submit(form, output, action, object, args, done) {
     markField(form, reply.description, problem);
     return;
   }
-  output.textContent = action === "set" ? "Saved." : "Done.";
-  await done();
+  const shown = await done();
+  shown.querySelector("output").textContent = action === "set" ? "Saved." : "Done.";
 }
 
 // The daemon names the argument it refused in brackets at the end of its description.
@@ -406,15 +406,12 @@ function markField(form, description, problem) {
 // After a change, the object is read again: the form shows what the box now holds.
 async function reread(form, object, group, values) {
   const args = object.id ? { [object.id]: group.value } : {};
-  const reply = await ask("get", object.name, args);
-  const found = elements(reply);
-  if (found === null) return;
+  const found = elements(await ask("get", object.name, args).catch(() => ({})));
+  if (found === null) return form;
   const title = elementTitle(object, values);
-  const fresh = found.find((candidate) => elementTitle(object, candidate) === title) ?? found[0];
-  const message = form.querySelector("output").textContent;
-  const replacement = renderForm(object, fresh, group);
-  replacement.querySelector("output").textContent = message;
+  const replacement = renderForm(object, found.find((candidate) => elementTitle(object, candidate) === title) ?? found[0], group);
   form.replaceWith(replacement);
+  return replacement;
 }
 
 statusRound();

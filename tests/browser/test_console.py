@@ -1,0 +1,284 @@
+"""The operator's console in a browser, against the real daemon and the box simulator: what it
+shows of a box in RF and IP modes, a change of each kind reaching the simulated box, the daemon's
+refusals shown in words beside the form that keeps what was typed, the reset's confirmation, tavid
+stopped and started again, the size of the first load, and no error in the browser's console.
+"""
+
+import json
+import os
+from pathlib import Path
+
+import pytest
+from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
+from selenium.webdriver.support.ui import Select
+
+from conftest import PHONE, harness, tavisim, transferred_bytes, wait_until
+
+# The page refreshes the status at taviweb's interval: one second keeps the tests short.
+INTERVAL = ("-i", "1")
+FIRST_LOAD_LIMIT = 150 * 1024
+SCREENSHOTS = os.environ.get("CONSOLE_SCREENSHOTS", "")
+
+
+class Console:
+    """The page as an operator meets it: sections by their heading, forms by their name, fields
+    by their label."""
+
+    def __init__(self, driver, web):
+        self.driver, self.web = driver, web
+
+    def open(self):
+        self.driver.get(self.web.url + "/")
+        self.wait_ready()
+        return self
+
+    def wait_ready(self):
+        wait_until(lambda: self.driver.execute_script(
+            "return document.querySelector('main').getAttribute('aria-busy') === 'false'"
+            " && document.querySelector('#banner').hidden"), "the console showed the box")
+
+    def text(self, css: str) -> str:
+        return self.driver.find_element(By.CSS_SELECTOR, css).text
+
+    def headings(self) -> list:
+        return [node.text for node in self.driver.find_elements(By.CSS_SELECTOR, "main h2")]
+
+    def section(self, heading: str):
+        return self.driver.find_element(By.XPATH, f"//section[h2={xpath_text(heading)}]")
+
+    def status(self, heading: str) -> dict:
+        """The status list of a section: label -> value."""
+        terms = self.section(heading).find_elements(By.CSS_SELECTOR, "dl.status dt")
+        values = self.section(heading).find_elements(By.CSS_SELECTOR, "dl.status dd")
+        return {term.text: value.text for term, value in zip(terms, values)}
+
+    def form(self, name: str):
+        return self.driver.find_element(By.CSS_SELECTOR, f"form[aria-label={json.dumps(name, ensure_ascii=False)}]")
+
+    def field(self, form_name: str, label: str):
+        form = self.form(form_name)
+        target = form.find_element(By.XPATH, f".//label[.={xpath_text(label)}]").get_attribute("for")
+        return form.find_element(By.ID, target)
+
+    def values(self, form_name: str) -> dict:
+        """Every field of a form: label -> value."""
+        return self.driver.execute_script(
+            "const form = [...document.forms].find((one) => one.getAttribute('aria-label') === arguments[0]);"
+            "return Object.fromEntries([...form.querySelectorAll('.field')].map((field) =>"
+            " [field.querySelector('label').textContent, field.querySelector('input, select').value]));", form_name)
+
+    def type(self, form_name: str, label: str, value: str):
+        control = self.field(form_name, label)
+        control.send_keys(Keys.CONTROL, "a")
+        control.send_keys(value)
+
+    def save(self, form_name: str) -> str:
+        """Submits the form by keyboard (Enter in its first field) and returns its message."""
+        form = self.form(form_name)
+        output = form.find_element(By.TAG_NAME, "output")
+        self.driver.execute_script("arguments[0].textContent = ''", output)
+        form.find_element(By.CSS_SELECTOR, ".field:not(.fixed) input").send_keys(Keys.ENTER)
+        return wait_until(lambda: self.message(form_name), f"a message in {form_name}")
+
+    def message(self, form_name: str) -> str:
+        text = self.form(form_name).find_element(By.TAG_NAME, "output").text
+        return "" if text == "Sending…" else text
+
+    def screenshot(self, name: str, size):
+        if not SCREENSHOTS:
+            return
+        self.driver.set_window_size(*size)
+        self.driver.execute_script("window.scrollTo(0, 0)")
+        Path(SCREENSHOTS).mkdir(parents=True, exist_ok=True)
+        assert self.driver.save_screenshot(str(Path(SCREENSHOTS) / name))
+
+
+def xpath_text(text: str) -> str:
+    return "concat(" + ", \"'\", ".join(f"'{part}'" for part in text.split("'")) + ", '')"
+
+
+def daemon_get(daemon, obj: str, **args) -> dict:
+    return harness.get(daemon, obj, **args)
+
+
+def started(box, tavid, taviweb, mode: str):
+    daemon = tavid(box, ["-m", mode])
+    harness.ready(box, daemon)
+    web = taviweb(daemon.port, INTERVAL)
+    return daemon, web
+
+
+@pytest.fixture
+def rf(make_box, tavid, taviweb, page):
+    """An RF box, its daemon, taviweb and the console open on it: (box, daemon, console)."""
+    box = make_box("rf")
+    daemon, web = started(box, tavid, taviweb, "rf")
+    return box, daemon, Console(page, web).open()
+
+
+def schema_words(console: Console, obj: str, arg: str) -> list:
+    described = harness.fetch(console.web.url + "/api/schema").json()
+    (row,) = [row for row in described["objects"] if row["name"] == obj]
+    (found,) = [one for one in row["args"] if one["name"] == arg]
+    return found["words"]
+
+
+# ---------------------------------------------------------------------------------------------
+# What the console shows
+
+
+def test_the_first_load_is_small_and_shows_the_rf_box(make_box, tavid, taviweb, page):
+    box = make_box("rf")
+    daemon, web = started(box, tavid, taviweb, "rf")
+    console = Console(page, web).open()
+    loaded = transferred_bytes(page)
+    assert 0 < loaded < FIRST_LOAD_LIMIT, loaded
+    print(f"first load: {loaded} bytes")
+    assert console.headings() == ["Box", "HDMI input 0", "HDMI input 1", "HDMI input 2", "HDMI input 3",
+                                  "RF output 0", "RF output 1", "Hardware debug code 0", "Hardware debug code 1",
+                                  "Hardware debug code 2", "Hardware debug code 3", "Settings and maintenance"]
+    assert console.text("#summary").startswith("tavid: answering · status of ")
+    assert console.status("Box") == {"Temperature (°C)": "45"}
+    assert Select(console.field("Box: Output mode", "Output mode")).first_selected_option.text == "rf"
+    assert console.status("HDMI input 0") == {"Locked (1 = yes)": "1", "Video format": "1080p50"}
+    status = harness.fetch(web.url + "/api/status").json()["objects"]["output_rf_status"]["arrayedResult"]
+    for output in ("0", "1"):
+        (mine,) = [element for element in status if element["output_id"] == output]
+        assert console.status(f"RF output {output}") == {
+            "Maximum bitrate (kbit/s)": mine["max_bitrate"], "Overflow": mine["overflow"],
+            "Bitrate (kbit/s)": mine["bitrate"]}
+        modulation = daemon_get(daemon, "output_rf_mod", output_id=output)["result"]
+        shown = console.values(f"RF output {output}: Modulation")
+        assert shown["Frequency (kHz)"] == modulation["frequency"]
+        assert shown["Level (dBm)"] == modulation["level"]
+        assert shown["Type"] == modulation["type"]
+        assert shown["Constellation"] == modulation["constellation"]
+    # Only the words the box accepts are offered, in its order.
+    for label, arg in (("Type", "type"), ("Constellation", "constellation"), ("Guard interval", "guardinterval"),
+                       ("Code rate", "coderate"), ("FFT mode", "fftmode"), ("Carrier type", "carriertype"),
+                       ("Interleave", "interleave"), ("Sync frame", "syncframe")):
+        offered = [option.get_attribute("value") for option in
+                   Select(console.field("RF output 0: Modulation", label)).options]
+        assert offered == schema_words(console, "output_rf_mod", arg), label
+    services = daemon_get(daemon, "output_rf_services", output_id="0")["arrayedResult"]
+    for service in services:
+        shown = console.values(f"RF output 0: Services · Service tag {service['service_tag']}")
+        assert (shown["Name"], shown["SID"], shown["LCN"], shown["PMT PID"], shown["Enabled (1 = on)"]) == (
+            service["service_name"], service["sid"], service["lcn"], service["pmt_pid"], service["enabled"])
+    assert console.form("Settings and maintenance: Reset").text.splitlines() == [
+        "Reset (level 0)", "Reset (level 1)", "Reset (level 2)", "Reset (level 3)"]
+    console.screenshot("console.png", (1400, 1000))
+    console.screenshot("console-phone.png", PHONE)
+
+
+def test_the_ip_box_shows_its_destination_bitrate_and_eth1(netsettings_box, tavid, taviweb, page):
+    box = netsettings_box("ip_spts")
+    daemon, web = started(box, tavid, taviweb, "ip_spts")
+    harness.stream(box, daemon, "239.1.2.3", "1234", "0")
+    harness.wait_for(lambda: harness.bitrate(daemon) != b'{"result":{"bitrate":"0","output_id":"0"}}',
+                     what="the streaming program's statistics")
+    console = Console(page, web).open()
+    assert console.headings() == ["Box", "HDMI input", "IP output", "Hardware debug code",
+                                  "Settings and maintenance"]
+    assert console.values("IP output: Destination") == {"Destination address": "239.1.2.3", "Destination port": "1234"}
+    assert console.status("IP output 0") == {"Bitrate (kbit/s)": "12500"}
+    assert console.values("Settings and maintenance: Streaming interface (eth1)") == {
+        "DHCP (1 = on)": "0", "Address": "10.10.10.10", "Netmask": "255.255.255.0", "Gateway": "10.10.10.1",
+        "DNS server": "10.10.10.1"}
+    assert console.values("IP output: Services · Service tag 0")["Enabled (1 = on)"] == "1"
+
+
+# ---------------------------------------------------------------------------------------------
+# Changes
+
+
+def test_a_frequency_changed_in_the_form_reaches_the_module(rf):
+    box, daemon, console = rf
+    console.type("RF output 0: Modulation", "Frequency (kHz)", "482000")
+    assert console.save("RF output 0: Modulation") == "Saved."
+    harness.wait_for(lambda: harness.module_parameters(box, 0x30)["frequency"] == 482000,
+                     what="the module took the frequency")
+    assert daemon_get(daemon, "output_rf_mod", output_id="0")["result"]["frequency"] == "482000"
+    # The form shows what the box now holds.
+    assert console.values("RF output 0: Modulation")["Frequency (kHz)"] == "482000"
+
+
+def test_a_renamed_service_reaches_the_modules_announced_services(rf):
+    box, daemon, console = rf
+    name = "HDMI input 0: Services · Service tag 3"
+    assert console.values(name)["Name"] == "HDMI 1"
+    console.type(name, "Name", "Channel One")
+    assert console.save(name) == "Saved."
+    harness.wait_for(lambda: [service["service_name"] for service in box.module(0x30).psi()["services"]]
+                     == ["Channel One"], what="the module announces the new name")
+    assert console.values(name)["Name"] == "Channel One"
+
+
+def test_an_invalid_value_shows_the_daemons_error_and_keeps_the_form(rf):
+    box, daemon, console = rf
+    before = daemon_get(daemon, "output_rf_mod", output_id="1")["result"]
+    console.type("RF output 1: Modulation", "Level (dBm)", "-5")
+    console.type("RF output 1: Modulation", "Frequency (kHz)", "48200x")
+    expected = "The box refused this (error 5002): JSON command has an invalid argument (frequency)"
+    assert console.save("RF output 1: Modulation") == expected
+    frequency = console.field("RF output 1: Modulation", "Frequency (kHz)")
+    assert frequency.get_attribute("aria-invalid") == "true"
+    problem = console.driver.find_element(By.ID, frequency.get_attribute("aria-describedby"))
+    assert problem.text == expected
+    assert console.values("RF output 1: Modulation")["Frequency (kHz)"] == "48200x"
+    assert console.values("RF output 1: Modulation")["Level (dBm)"] == "-5"
+    assert daemon_get(daemon, "output_rf_mod", output_id="1")["result"] == before
+
+
+def test_a_reset_asks_first_and_once_confirmed_runs_the_boxs_reset(rf):
+    box, daemon, console = rf
+    maintenance = "Settings and maintenance"
+    console.form(f"{maintenance}: Store the settings").find_element(By.TAG_NAME, "button").click()
+    wait_until(lambda: console.message(f"{maintenance}: Store the settings") == "Done.", "the store's answer")
+    assert box.stored_settings()["records"][0] == {"action": "set", "object": "device",
+                                                   "args": {"output_mode": "rf", "device_id": "0"}}
+    dialog = console.driver.find_element(By.ID, "confirm")
+    button = console.form(f"{maintenance}: Reset").find_element(By.XPATH, ".//button[.='Reset (level 2)']")
+    button.click()
+    wait_until(dialog.is_displayed, "the confirmation")
+    assert dialog.text.splitlines() == [
+        "Reset (level 2)?",
+        "Erases the stored settings of the inputs and outputs and the streaming interface's (eth1) settings, "
+        "then the box reboots.",
+        "Cancel", "Reset (level 2)"]
+    dialog.find_element(By.XPATH, ".//button[.='Cancel']").click()
+    wait_until(lambda: not dialog.is_displayed(), "the confirmation closed")
+    harness.barrier(daemon)
+    assert box.calls() == []
+    assert os.path.exists(box.path("data/settings.conf"))
+    button.click()
+    wait_until(dialog.is_displayed, "the confirmation")
+    dialog.find_element(By.XPATH, ".//button[.='Reset (level 2)']").click()
+    wait_until(lambda: console.message(f"{maintenance}: Reset") == "Done.", "the reset's answer")
+    assert [(name, args) for _, name, args in box.calls()] == [("reboot", [])]
+    assert not os.path.exists(box.path("data/settings.conf"))
+
+
+# ---------------------------------------------------------------------------------------------
+# tavid gone and back
+
+
+def test_tavid_stopped_shows_it_unreachable_and_its_restart_recovers(make_box, tavid, taviweb, page):
+    box = make_box("rf")
+    daemon, web = started(box, tavid, taviweb, "rf")
+    console = Console(page, web).open()
+    assert daemon.stop() == 0
+    banner = console.driver.find_element(By.ID, "banner")
+    wait_until(banner.is_displayed, "the banner")
+    status = harness.fetch(web.url + "/api/status").json()
+    assert status["up"] is False
+    assert banner.text == f"tavid does not answer: {status['error']}. The console tries again by itself."
+    assert console.text("#summary") == "tavid: not answering"
+    again = tavid(box, ["-m", "rf"], port=daemon.port)
+    harness.ready(box, again)
+    console.wait_ready()
+    assert not banner.is_displayed()
+    assert console.text("#summary").startswith("tavid: answering · status of ")
+    assert console.values("RF output 0: Modulation")["Frequency (kHz)"] == daemon_get(again, "output_rf_mod", output_id="0")[
+        "result"]["frequency"]

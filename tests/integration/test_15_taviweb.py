@@ -499,6 +499,47 @@ def test_with_authentication_the_console_needs_the_password(rf_box, taviweb, use
 
 
 # ---------------------------------------------------------------------------------------------
+# The description of the protocol
+
+
+def test_the_description_of_the_protocol_is_what_the_daemon_answers(rf_box, taviweb):
+    """Every object's get on the RF box gives the arguments the description lists, in its order."""
+    box, daemon = rf_box
+    web = taviweb(daemon.port, LONG)
+    answer = fetch(web.url + "/api/schema")
+    assert answer.status == 200
+    assert (answer.headers["content-type"], answer.headers["cache-control"]) == ("application/json", "no-cache")
+    assert fetch(web.url + "/api/schema", headers={"If-None-Match": answer.headers["etag"]}).status == 304
+    objects = answer.json()["objects"]
+    assert objects[0]["name"] == "device_status" and objects[-1]["name"] == "reset"
+    checked = []
+    for described in objects:
+        if "get" not in described["actions"] or "id" not in described or described.get("list"):
+            continue
+        request_body = json.dumps({"action": "get", "object": described["name"], "args": {described["id"]: "0"}})
+        reply = json.loads(post_api(web, request_body.encode()).body)
+        if "result" not in reply:
+            continue  # an object of another mode's hardware
+        given = [arg["name"] for arg in described["args"] if arg.get("get", True)]
+        assert list(reply["result"]) == [*given, described["id"]], described["name"]
+        for arg in described["args"]:
+            if "words" in arg:
+                assert reply["result"][arg["name"]] in arg["words"], (described["name"], arg["name"])
+        checked.append(described["name"])
+    assert checked == ["device_status", "device", "input_hdmi", "input_hdmi_enc", "input_hdmi_ts",
+                       "input_hdmi_status", "debug_code", "output_calibration", "output_rf", "output_rf_mod",
+                       "output_rf_ts", "output_rf_status"]
+
+
+def test_with_authentication_the_description_needs_the_password(rf_box, taviweb, users):
+    box, daemon = rf_box
+    web = taviweb(daemon.port, [*LONG, "--auth", users])
+    assert fetch(web.url + "/api/schema").status == 401
+    assert fetch(web.url + "/api/schema", headers=basic("operator", "open sesame")).json()["objects"][0] == {
+        "name": "device_status", "id": "device_id", "actions": ["get"], "args": [{"name": "temperature"}]}
+
+
+# ---------------------------------------------------------------------------------------------
 # Slow clients
 
 

@@ -5,6 +5,7 @@
 
 #include "taviweb_files.h"
 #include "taviweb_routes.h"
+#include "taviweb_schema.h"
 #include "taviweb_test_support.h"
 
 namespace {
@@ -59,8 +60,8 @@ class TaviwebRoutes : public testing::Test {
 };
 
 TEST_F(TaviwebRoutes, TheTableServesTheApiItsStatusAndTheMetrics) {
-  /* and the console: a row per file, and "/" for its index */
-  ASSERT_EQ(taviweb_routes.count, 3u + taviweb_www.count + 1u);
+  /* and the description of the protocol, and the console: a row per file, and "/" for its index */
+  ASSERT_EQ(taviweb_routes.count, 4u + taviweb_www.count + 1u);
   expect_route(api(), "POST", "/api");
   expect_route(request("GET", "/api/status"), "GET", "/api/status");
   expect_route(request("HEAD", "/api/status"), "GET", "/api/status");
@@ -69,6 +70,22 @@ TEST_F(TaviwebRoutes, TheTableServesTheApiItsStatusAndTheMetrics) {
   EXPECT_EQ(taviweb_routes.rows[1].body_max, 0u);
   EXPECT_FALSE(taviweb_routes.rows[1].open);
   EXPECT_TRUE(taviweb_routes.rows[2].open);
+}
+
+TEST_F(TaviwebRoutes, TheDescriptionOfTheProtocolIsBuiltInBehindTheAuthentication) {
+  expect_route(request("GET", "/api/schema"), "GET", "/api/schema");
+  auto caught = std::make_shared<caught_t>();
+  taviweb_route_handle(&app_, admit(request("GET", "/api/schema")).route, request("GET", "/api/schema"), false,
+                       caught);
+  taviweb_response_t response = caught->wait();
+  EXPECT_EQ(response.status, 200u);
+  EXPECT_EQ(response.content_type, "application/json");
+  EXPECT_EQ(response.cache_control, "no-cache");
+  EXPECT_EQ(response.body.rfind("{\"objects\":[{\"name\":\"device_status\",\"id\":\"device_id\"", 0), 0u);
+  EXPECT_EQ(response.headers, (std::vector<std::pair<std::string, std::string>>{{"ETag", taviweb_schema.rows[0].etag}}));
+  use_auth();
+  expect_refusal(request("GET", "/api/schema"), 401, "{\"error\":\"authentication required\"}");
+  EXPECT_TRUE(fake_tavid.taken().empty());
 }
 
 TEST_F(TaviwebRoutes, EveryFileOfTheConsoleIsARouteBehindTheAuthentication) {

@@ -337,12 +337,9 @@ function renderForm(object, values, group) {
   return form;
 }
 
-// What tells one element of an object from the others (the tags of a service, a stream): the
-// values of the arguments that the box only reports.
-function identity(object, values) {
-  const fixed = object.args.filter((arg) => arg.set === false && arg.name !== object.id && arg.name in values);
-  return fixed.map((arg) => [arg.name, values[arg.name]]);
-}
+// What tells one member of a list from the others (the tags of a service, a stream): the
+// arguments by which a set addresses it.
+const identity = (object, values) => (object.select ?? []).map((name) => [name, values[name]]);
 
 const elementTitle = (object, values) => identity(object, values).map(([key, value]) => `${label(key)} ${value}`).join(", ");
 

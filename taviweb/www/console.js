@@ -9,7 +9,7 @@ const LABELS = {
   device_status: "Box", input_hdmi_status: "HDMI input", output_rf_status: "RF output",
   output_ip_status: "IP output", device: "Output mode", output_mode: "Output mode", temperature: "Temperature (°C)",
   input_hdmi_enc: "Encoder", input_hdmi_ts: "Transport stream", input_hdmi_services: "Services",
-  input_hdmi_streams: "Streams", lock: "Locked (1 = yes)",
+  input_hdmi_streams: "Streams", lock: "Locked (1/0)",
   video_format: "Video format", video_gopsize: "GOP size", debug_code: "Hardware debug code",
   output_rf_mod: "Modulation", output_rf_ts: "Transport stream", output_rf_services: "Services",
   output_calibration: "I/Q calibration",
@@ -18,12 +18,12 @@ const LABELS = {
   type: "Type", frequency: "Frequency (kHz)", level: "Level (dBm)", bandwidth: "Bandwidth (MHz)",
   symbolrate: "Symbol rate (kbaud)", constellation: "Constellation", guardinterval: "Guard interval",
   coderate: "Code rate", fftmode: "FFT mode", carriertype: "Carrier type", interleave: "Interleave",
-  syncframe: "Sync frame", enabled: "Enabled (1 = on)", max_bitrate: "Maximum bitrate (kbit/s)",
+  syncframe: "Sync frame", enabled: "On (1/0)", max_bitrate: "Maximum bitrate (kbit/s)",
   bitrate: "Bitrate (kbit/s)", overflow: "Overflow", ts_tag: "TS tag", tsid: "TSID", onid: "ONID",
   nid: "NID", private_data_specifier: "Private data specifier", network_name: "Network name",
   network_version: "Network version", service_tag: "Service tag", sid: "SID", service_name: "Name",
   lcn: "LCN", pmt_pid: "PMT PID", stream_tag: "Stream tag", pid: "PID", dst_addr: "Destination address",
-  dst_port: "Destination port", dhcp: "DHCP (1 = on)", address: "Address", netmask: "Netmask",
+  dst_port: "Destination port", dhcp: "DHCP (1/0)", address: "Address", netmask: "Netmask",
   gateway: "Gateway", dns: "DNS server", state: "State", code: "Code", i: "I", q: "Q",
   store_settings: "Store the settings", restore_settings: "Restore the stored settings", reset: "Reset",
 };
@@ -139,16 +139,18 @@ function showStatus(status) {
   $("#summary").textContent = `tavid: answering · status of ${new Date(Date.now() - status.age * 1000).toLocaleTimeString()}`;
 }
 
-function fillStatus(box, object, element) {
-  box.replaceChildren();
-  for (const [key, value] of Object.entries(element)) {
+// A status list, its values changed in place (a screen reader is not sent the whole list again).
+function fillStatus(box, object, values) {
+  for (const [key, value] of Object.entries(values)) {
     if (key === object?.id) continue;
-    const term = document.createElement("dt");
-    term.textContent = label(key);
-    const detail = document.createElement("dd");
-    detail.textContent = value;
+    const shown = [...box.querySelectorAll("dd")].find((detail) => detail.dataset.status === key);
+    if (shown) {
+      if (shown.textContent !== value) shown.textContent = value;
+      continue;
+    }
+    const detail = element("dd", { text: value });
     detail.dataset.status = key;
-    box.append(term, detail);
+    box.append(element("dt", { text: label(key) }), detail);
   }
 }
 
@@ -198,7 +200,10 @@ async function discover(status) {
     }
     for (const [value, list] of byInstance) group(object.id, value).parts.push({ object, elements: list });
   }
-  main.replaceChildren(...[...groups.values()].map((one) => renderGroup(one, groups)));
+  // What belongs to the whole box (settings, maintenance) stands next to the box's own group.
+  const [first, ...rest] = [...groups.values()];
+  const ordered = groups.has("") ? [first, groups.get(""), ...rest.filter((one) => one.key)] : [first, ...rest];
+  main.replaceChildren(...ordered.map((one) => renderGroup(one, groups)));
   main.setAttribute("aria-busy", "false");
   showStatus(status);
 }
@@ -235,8 +240,9 @@ function renderGroup(group, groups) {
 
 function renderPart(part, group) {
   const { object } = part;
-  const block = element("div", { class: "part", "data-object": object.name },
-    element("h3", { text: part.status ? "Status" : label(object.name) }));
+  const block = element("div", { class: "part" });
+  // An object that is only run is named by its buttons.
+  if (object.actions.includes("get")) block.append(element("h3", { text: part.status ? "Status" : label(object.name) }));
   if (part.status) {
     const list = element("dl", { id: `status-${object.name}-${group.value}`, class: "status" });
     fillStatus(list, object, part.status);
@@ -245,7 +251,8 @@ function renderPart(part, group) {
     block.append(renderActions(object, group));
   } else {
     if (part.problem) block.append(element("p", { class: "problem", role: "alert", text: part.problem }));
-    block.append(...part.elements.map((values) => renderForm(object, values, group)));
+    if (object.list && part.elements.length) block.append(renderTable(object, part.elements, group));
+    else block.append(...part.elements.map((values) => renderForm(object, values, group)));
   }
   return block;
 }
@@ -256,7 +263,7 @@ function renderActions(object, group) {
   const output = element("output", { role: "status" });
   const run = async (args, title, confirmation) => {
     if (confirmation && !(await confirmed(title, confirmation))) return;
-    await submit(form, output, "execute", object, args, () => form);
+    await submit(form, [], output, "execute", object, args, () => form);
   };
   const choices = object.args.find((arg) => arg.words);
   const words = choices ? choices.words : [null];
@@ -287,37 +294,99 @@ function confirmed(title, text) {
 // The action that changes an object: set, or execute for an object that is changed by running it.
 const changeAction = (object) => ["set", "execute"].find((action) => object.actions.includes(action));
 
-function renderForm(object, values, group) {
+// What tells one member of a list from the others (the tags of a service, a stream): the
+// arguments by which a set addresses it.
+const identity = (object, values) => (object.select ?? []).map((name) => [name, values[name]]);
+
+const memberTitle = (object, values) => identity(object, values).map(([key, value]) => `${label(key)} ${value}`).join(", ");
+
+// The fields of one element, in the order the box gave them, then the arguments it takes but
+// does not report; the id and what identifies a member are not fields.
+function fieldSpecs(object, values) {
   const action = changeAction(object);
   const known = new Map(object.args.map((arg) => [arg.name, arg]));
-  const form = element("form", { class: "object", novalidate: "" });
-  const title = elementTitle(object, values);
-  if (title) form.append(element("h4", { text: title }));
-  form.setAttribute("aria-label", `${group.title}: ${label(object.name)}${title ? ` · ${title}` : ""}`);
-  // What identifies the element is in its title and goes back with every change.
-  const fixed = new Map(identity(object, values));
-  const keys = [...Object.keys(values), ...[...known.keys()].filter((name) => !(name in values))]
-    .filter((name) => !fixed.has(name));
-  const fields = [];
+  const fixed = new Set(object.select ?? []);
+  const keys = [...Object.keys(values), ...[...known.keys()].filter((name) => !(name in values))];
+  const specs = [];
   for (const key of keys) {
     const value = values[key];
     const arg = known.get(key);
-    if (key === object.id || (value !== undefined && typeof value !== "string") || arg?.args || arg?.items) continue;
-    if (value === undefined && arg?.set === false) continue;
+    if (key === object.id || fixed.has(key) || arg?.args || arg?.items) continue;
+    if ((value !== undefined && typeof value !== "string") || (value === undefined && arg?.set === false)) continue;
     // Keys the description does not name are the box's own pass-through settings when it names
-    // no argument at all; otherwise they identify the element (tags) and go back unchanged.
+    // no argument at all (the network-settings service's); otherwise they go back unchanged.
     const editable = Boolean(action) && (arg ? arg.set !== false : known.size === 0);
-    fields.push(renderField(form, key, value ?? "", arg, editable));
+    specs.push({ key, value: value ?? "", arg, editable });
   }
-  form.append(...fields.map((field) => field.row));
+  return specs;
+}
+
+function renderForm(object, values, group) {
+  const form = element("form", { class: "object", novalidate: "" });
+  form.setAttribute("aria-label", `${group.title}: ${label(object.name)}`);
+  const fields = fieldSpecs(object, values).map((spec) => renderField(spec));
+  form.append(...fields.map((field) => element("div", { class: field.editable ? "field" : "field fixed" }, ...field.parts)));
+  form.append(...formEnd(object, values, group, form, form, fields, (fresh) => renderForm(object, fresh, group)));
+  return form;
+}
+
+// A list (services, streams): a table, one form per member.
+function renderTable(object, members, group) {
+  const heads = fieldSpecs(object, members[0]).map((spec) => spec.key);
+  const head = element("tr", {}, ...[...(object.select ?? []), ...heads].map((key) => element("th", { scope: "col", text: label(key) })),
+    element("th", { scope: "col", text: "" }));
+  const body = element("tbody", {}, ...members.map((values) => renderRow(object, values, group)));
+  return element("div", { class: "table" }, element("table", {}, element("thead", {}, head), body));
+}
+
+function renderRow(object, values, group) {
+  const title = memberTitle(object, values);
+  const form = element("form", { id: `form-${nextId++}`, novalidate: "" });
+  form.setAttribute("aria-label", `${group.title}: ${label(object.name)} · ${title}`);
+  const fields = fieldSpecs(object, values).map((spec) => renderField(spec, form.id));
+  const row = element("tr", {}, ...identity(object, values).map(([, value]) => element("th", { scope: "row", text: value })),
+    ...fields.map((field) => element("td", { class: field.editable ? "" : "fixed" }, ...field.parts)));
+  form.append(...formEnd(object, values, group, form, row, fields, (fresh) => renderRow(object, fresh, group)));
+  row.append(element("td", {}, form));
+  return row;
+}
+
+function renderField(spec, owner) {
+  const { key, value, arg, editable } = spec;
+  const id = `field-${nextId++}`;
+  let control;
+  if (editable && arg?.words) {
+    control = element("select", { id, name: key });
+    const words = arg.words.includes(value) ? arg.words : [value, ...arg.words];
+    control.append(...words.map((word) => element("option", { value: word, text: word })));
+    control.value = value;
+  } else {
+    control = element("input", { id, name: key, value, autocomplete: "off", spellcheck: "false" });
+    control.readOnly = !editable;
+  }
+  if (owner) {
+    // In a table's row: as wide as what it holds.
+    control.setAttribute("form", owner);
+    if (control.tagName === "INPUT") control.size = Math.max(3, value.length + 1);
+  }
+  control.dataset.value = value;
+  control.dataset.arg = key;
+  const message = element("span", { class: "field-problem", id: `${id}-problem`, role: "alert" });
+  control.setAttribute("aria-describedby", message.id);
+  return { ...spec, control, parts: [element("label", { for: id, text: label(key) }), control, message] };
+}
+
+// The button, the message and the submission of a form whose fields are given; `shown` is what
+// the page shows of it (the form, or a table's row), replaced by render(fresh values) after a change.
+function formEnd(object, values, group, form, shown, fields, render) {
+  const action = changeAction(object);
   const output = element("output", { role: "status", "aria-live": "polite" });
-  if (action) {
-    form.append(element("div", { class: "buttons" }, element("button", { text: action === "set" ? "Save" : "Apply" })));
-  }
-  form.append(output);
+  const parts = [];
+  if (action) parts.push(element("div", { class: "buttons" }, element("button", { text: action === "set" ? "Save" : "Apply" })));
+  parts.push(output);
   form.addEventListener("submit", async (event) => {
     event.preventDefault();
-    const args = { ...(object.id ? { [object.id]: group.value } : {}), ...Object.fromEntries(fixed) };
+    const args = { ...(object.id ? { [object.id]: group.value } : {}), ...Object.fromEntries(identity(object, values)) };
     const changes = [];
     for (const field of fields) {
       const changed = field.control.value !== field.control.dataset.value;
@@ -328,45 +397,19 @@ function renderForm(object, values, group) {
       output.textContent = "Nothing changed.";
       return;
     }
-    if (action === "execute") {
-      const texts = changes.map((field) => CONFIRMATIONS[field.key]).filter((text) => typeof text === "string");
-      if (texts.length && !(await confirmed(`${label(object.name)}: ${changes.map((f) => f.control.value).join(", ")}`, texts.join(" ")))) return;
-    }
-    await submit(form, output, action, object, args, () => reread(form, object, group, values));
+    const texts = action === "execute" ? changes.map((field) => CONFIRMATIONS[field.key]).filter((text) => typeof text === "string") : [];
+    const title = `${label(object.name)}: ${changes.map((field) => field.control.value).join(", ")}`;
+    if (texts.length && !(await confirmed(title, texts.join(" ")))) return;
+    await submit(form, fields, output, action, object, args, () => reread(shown, object, group, values, render));
   });
-  return form;
+  return parts;
 }
 
-// What tells one member of a list from the others (the tags of a service, a stream): the
-// arguments by which a set addresses it.
-const identity = (object, values) => (object.select ?? []).map((name) => [name, values[name]]);
-
-const elementTitle = (object, values) => identity(object, values).map(([key, value]) => `${label(key)} ${value}`).join(", ");
-
-function renderField(form, key, value, arg, editable) {
-  const id = `field-${nextId++}`;
-  let control;
-  if (editable && arg?.words) {
-    control = element("select", { id, name: key });
-    const words = arg.words.includes(value) ? arg.words : [value, ...arg.words];
-    control.append(...words.map((word) => element("option", { value: word, text: word })));
-    control.value = value;
-  } else {
-    control = element("input", { id, name: key, value, autocomplete: "off", spellcheck: "false" });
-    if (!editable) control.readOnly = true;
+async function submit(form, fields, output, action, object, args, done) {
+  for (const field of fields) {
+    field.control.removeAttribute("aria-invalid");
+    field.parts[2].textContent = "";
   }
-  control.dataset.value = value;
-  control.dataset.arg = key;
-  const message = element("span", { class: "field-problem", id: `${id}-problem`, role: "alert" });
-  control.setAttribute("aria-describedby", message.id);
-  const row = element("div", { class: editable ? "field" : "field fixed" },
-    element("label", { for: id, text: label(key) }), control, message);
-  return { key, arg, editable, control, message, row };
-}
-
-async function submit(form, output, action, object, args, done) {
-  for (const problem of form.querySelectorAll(".field-problem")) problem.textContent = "";
-  for (const invalid of form.querySelectorAll("[aria-invalid]")) invalid.removeAttribute("aria-invalid");
   form.setAttribute("aria-busy", "true");
   output.className = "";
   output.textContent = "Sending…";
@@ -384,7 +427,7 @@ async function submit(form, output, action, object, args, done) {
   if (problem) {
     output.className = "problem";
     output.textContent = problem;
-    markField(form, reply.description, problem);
+    markField(fields, reply.description, problem);
     return;
   }
   const shown = await done();
@@ -392,22 +435,22 @@ async function submit(form, output, action, object, args, done) {
 }
 
 // The daemon names the argument it refused in brackets at the end of its description.
-function markField(form, description, problem) {
+function markField(fields, description, problem) {
   const named = /\(([^()]*)\)$/.exec(description ?? "");
-  const control = named && form.querySelector(`[data-arg="${CSS.escape(named[1])}"]`);
-  if (!control) return;
-  control.setAttribute("aria-invalid", "true");
-  document.getElementById(`${control.id}-problem`).textContent = problem;
+  const field = named && fields.find((one) => one.key === named[1]);
+  if (!field) return;
+  field.control.setAttribute("aria-invalid", "true");
+  field.parts[2].textContent = problem;
 }
 
-// After a change, the object is read again: the form shows what the box now holds.
-async function reread(form, object, group, values) {
+// After a change, the object is read again: the page shows what the box now holds.
+async function reread(shown, object, group, values, render) {
   const args = object.id ? { [object.id]: group.value } : {};
   const found = elements(await ask("get", object.name, args).catch(() => ({})));
-  if (found === null) return form;
-  const title = elementTitle(object, values);
-  const replacement = renderForm(object, found.find((candidate) => elementTitle(object, candidate) === title) ?? found[0], group);
-  form.replaceWith(replacement);
+  if (found === null) return shown;
+  const title = memberTitle(object, values);
+  const replacement = render(found.find((candidate) => memberTitle(object, candidate) === title) ?? found[0]);
+  shown.replaceWith(replacement);
   return replacement;
 }
 

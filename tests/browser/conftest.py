@@ -33,7 +33,7 @@ tavisim = harness.tavisim
 make_box, tavid, taviweb = harness.make_box, harness.tavid, harness.taviweb
 
 CHROMEDRIVER = "/usr/bin/chromedriver"
-DESKTOP = (1280, 1000)
+DESKTOP = (1400, 1000)
 PHONE = (390, 844)
 # How long the page may take to show what the box answered: tavid serves one request at a time,
 # each ends with 50 ms of silence, and a daemon under the sanitizers is slower.

@@ -13,12 +13,15 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support.ui import Select
 
-from conftest import PHONE, harness, tavisim, transferred_bytes, wait_until
+from conftest import DESKTOP, PHONE, harness, tavisim, transferred_bytes, wait_until
 
 # The page refreshes the status at taviweb's interval: one second keeps the tests short.
 INTERVAL = ("-i", "1")
 FIRST_LOAD_LIMIT = 150 * 1024
 SCREENSHOTS = os.environ.get("CONSOLE_SCREENSHOTS", "")
+
+
+FIND_FORM = "const form = [...document.forms].find((one) => one.getAttribute('aria-label') === arguments[0]);"
 
 
 class Console:
@@ -44,29 +47,31 @@ class Console:
     def headings(self) -> list:
         return [node.text for node in self.driver.find_elements(By.CSS_SELECTOR, "main h2")]
 
-    def section(self, heading: str):
-        return self.driver.find_element(By.XPATH, f"//section[h2={xpath_text(heading)}]")
-
     def status(self, heading: str) -> dict:
         """The status list of a section: label -> value."""
-        terms = self.section(heading).find_elements(By.CSS_SELECTOR, "dl.status dt")
-        values = self.section(heading).find_elements(By.CSS_SELECTOR, "dl.status dd")
-        return {term.text: value.text for term, value in zip(terms, values)}
+        return self.driver.execute_script(
+            "const section = [...document.querySelectorAll('main section')]"
+            ".find((one) => one.querySelector('h2').textContent === arguments[0]);"
+            "const list = section.querySelector('dl.status');"
+            "return Object.fromEntries([...list.querySelectorAll('dt')].map((term) =>"
+            " [term.textContent, term.nextElementSibling.textContent]));", heading)
 
     def form(self, name: str):
         return self.driver.find_element(By.CSS_SELECTOR, f"form[aria-label={json.dumps(name, ensure_ascii=False)}]")
 
     def field(self, form_name: str, label: str):
-        form = self.form(form_name)
-        target = form.find_element(By.XPATH, f".//label[.={xpath_text(label)}]").get_attribute("for")
-        return form.find_element(By.ID, target)
+        """The control of a form (in it, or in a table's row and owned by it) that this label names."""
+        control = self.driver.execute_script(
+            FIND_FORM + "return [...form.elements].find((one) => one.labels?.[0]?.textContent === arguments[1]);",
+            form_name, label)
+        assert control is not None, f"no field {label!r} in {form_name!r}"
+        return control
 
     def values(self, form_name: str) -> dict:
         """Every field of a form: label -> value."""
         return self.driver.execute_script(
-            "const form = [...document.forms].find((one) => one.getAttribute('aria-label') === arguments[0]);"
-            "return Object.fromEntries([...form.querySelectorAll('.field')].map((field) =>"
-            " [field.querySelector('label').textContent, field.querySelector('input, select').value]));", form_name)
+            FIND_FORM + "return Object.fromEntries([...form.elements].filter((one) => one.labels?.length)"
+            ".map((one) => [one.labels[0].textContent, one.value]));", form_name)
 
     def type(self, form_name: str, label: str, value: str):
         control = self.field(form_name, label)
@@ -74,30 +79,32 @@ class Console:
         control.send_keys(value)
 
     def save(self, form_name: str) -> str:
-        """Submits the form by keyboard (Enter in its first field) and returns its message."""
-        form = self.form(form_name)
-        self.driver.execute_script("arguments[0].textContent = ''", form.find_element(By.TAG_NAME, "output"))
-        form.find_element(By.CSS_SELECTOR, ".field:not(.fixed) input").send_keys(Keys.ENTER)
+        """Submits the form by keyboard (Enter in its first text field) and returns its message."""
+        first = self.driver.execute_script(
+            FIND_FORM + "form.querySelector('output').textContent = '';"
+            "return [...form.elements].find((one) => one.matches('input:not([readonly])'));", form_name)
+        first.send_keys(Keys.ENTER)
         return wait_until(lambda: self.message(form_name), f"a message in {form_name}")
 
     def message(self, form_name: str) -> str:
         """The form's message once its exchange is over ("" until then)."""
         return self.driver.execute_script(
-            "const form = [...document.forms].find((one) => one.getAttribute('aria-label') === arguments[0]);"
-            "const text = form ? form.querySelector('output').textContent : '';"
+            FIND_FORM + "const text = form ? form.querySelector('output').textContent : '';"
             "return text === 'Sending…' ? '' : text;", form_name)
 
-    def screenshot(self, name: str, size):
+    def screenshot(self, name: str, size, mobile: bool = False):
+        """With CONSOLE_SCREENSHOTS, the top of the page in a viewport of this size, saved there."""
         if not SCREENSHOTS:
             return
-        self.driver.set_window_size(*size)
-        self.driver.execute_script("window.scrollTo(0, 0)")
-        Path(SCREENSHOTS).mkdir(parents=True, exist_ok=True)
-        assert self.driver.save_screenshot(str(Path(SCREENSHOTS) / name))
-
-
-def xpath_text(text: str) -> str:
-    return "concat(" + ", \"'\", ".join(f"'{part}'" for part in text.split("'")) + ", '')"
+        width, height = size
+        self.driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+            "width": width, "height": height, "deviceScaleFactor": 1, "mobile": mobile})
+        try:
+            self.driver.execute_script("window.scrollTo(0, 0)")
+            Path(SCREENSHOTS).mkdir(parents=True, exist_ok=True)
+            assert self.driver.save_screenshot(str(Path(SCREENSHOTS) / name))
+        finally:
+            self.driver.execute_cdp_cmd("Emulation.clearDeviceMetricsOverride", {})
 
 
 def daemon_get(daemon, obj: str, **args) -> dict:
@@ -130,20 +137,20 @@ def schema_words(console: Console, obj: str, arg: str) -> list:
 # What the console shows
 
 
-def test_the_first_load_is_small_and_shows_the_rf_box(make_box, tavid, taviweb, page):
-    box = make_box("rf")
+def test_the_first_load_is_small_and_shows_the_rf_box(netsettings_box, tavid, taviweb, page):
+    box = netsettings_box("rf")
     daemon, web = started(box, tavid, taviweb, "rf")
     console = Console(page, web).open()
     loaded = transferred_bytes(page)
     assert 0 < loaded < FIRST_LOAD_LIMIT, loaded
     print(f"first load: {loaded} bytes")
-    assert console.headings() == ["Box", "HDMI input 0", "HDMI input 1", "HDMI input 2", "HDMI input 3",
-                                  "RF output 0", "RF output 1", "Hardware debug code 0", "Hardware debug code 1",
-                                  "Hardware debug code 2", "Hardware debug code 3", "Settings and maintenance"]
+    assert console.headings() == ["Box", "Settings and maintenance", "HDMI input 0", "HDMI input 1", "HDMI input 2",
+                                  "HDMI input 3", "RF output 0", "RF output 1", "Hardware debug code 0",
+                                  "Hardware debug code 1", "Hardware debug code 2", "Hardware debug code 3"]
     assert console.text("#summary").startswith("tavid: answering · status of ")
     assert console.status("Box") == {"Temperature (°C)": "45"}
     assert Select(console.field("Box: Output mode", "Output mode")).first_selected_option.text == "rf"
-    assert console.status("HDMI input 0") == {"Locked (1 = yes)": "1", "Video format": "1080p50"}
+    assert console.status("HDMI input 0") == {"Locked (1/0)": "1", "Video format": "1080p50"}
     status = harness.fetch(web.url + "/api/status").json()["objects"]["output_rf_status"]["arrayedResult"]
     for output in ("0", "1"):
         (mine,) = [element for element in status if element["output_id"] == output]
@@ -166,12 +173,12 @@ def test_the_first_load_is_small_and_shows_the_rf_box(make_box, tavid, taviweb, 
     services = daemon_get(daemon, "output_rf_services", output_id="0")["arrayedResult"]
     for service in services:
         shown = console.values(f"RF output 0: Services · Service tag {service['service_tag']}")
-        assert (shown["Name"], shown["SID"], shown["LCN"], shown["PMT PID"], shown["Enabled (1 = on)"]) == (
+        assert (shown["Name"], shown["SID"], shown["LCN"], shown["PMT PID"], shown["On (1/0)"]) == (
             service["service_name"], service["sid"], service["lcn"], service["pmt_pid"], service["enabled"])
     assert console.form("Settings and maintenance: Reset").text.splitlines() == [
         "Reset (level 0)", "Reset (level 1)", "Reset (level 2)", "Reset (level 3)"]
-    console.screenshot("console.png", (1400, 1000))
-    console.screenshot("console-phone.png", PHONE)
+    console.screenshot("console.png", DESKTOP)
+    console.screenshot("console-phone.png", PHONE, mobile=True)
 
 
 def test_the_ip_box_shows_its_destination_bitrate_and_eth1(netsettings_box, tavid, taviweb, page):
@@ -181,14 +188,14 @@ def test_the_ip_box_shows_its_destination_bitrate_and_eth1(netsettings_box, tavi
     harness.wait_for(lambda: harness.bitrate(daemon) != b'{"result":{"bitrate":"0","output_id":"0"}}',
                      what="the streaming program's statistics")
     console = Console(page, web).open()
-    assert console.headings() == ["Box", "HDMI input", "IP output", "Hardware debug code",
-                                  "Settings and maintenance"]
+    assert console.headings() == ["Box", "Settings and maintenance", "HDMI input", "IP output",
+                                  "Hardware debug code"]
     assert console.values("IP output: Destination") == {"Destination address": "239.1.2.3", "Destination port": "1234"}
     assert console.status("IP output") == {"Bitrate (kbit/s)": "12500"}
     assert console.values("Settings and maintenance: Streaming interface (eth1)") == {
-        "DHCP (1 = on)": "0", "Address": "10.10.10.10", "Netmask": "255.255.255.0", "Gateway": "10.10.10.1",
+        "DHCP (1/0)": "0", "Address": "10.10.10.10", "Netmask": "255.255.255.0", "Gateway": "10.10.10.1",
         "DNS server": "10.10.10.1"}
-    assert console.values("IP output: Services · Service tag 0")["Enabled (1 = on)"] == "1"
+    assert console.values("IP output: Services · Service tag 0")["On (1/0)"] == "1"
 
 
 # ---------------------------------------------------------------------------------------------

@@ -291,3 +291,18 @@ def test_tavid_stopped_shows_it_unreachable_and_its_restart_recovers(make_box, t
     assert console.text("#summary").startswith("tavid: answering · status of ")
     assert console.values("RF output 0: Modulation")["Frequency (kHz)"] == daemon_get(again, "output_rf_mod", output_id="0")[
         "result"]["frequency"]
+
+
+def test_once_shown_the_page_only_follows_the_status_cache(make_box, tavid, taviweb, page):
+    box = make_box("rf")
+    daemon = tavid(box, ["-m", "rf"])
+    harness.ready(box, daemon)
+    web = taviweb(daemon.port, (*INTERVAL, "-v"))
+    Console(page, web).open()
+    since = len(web.stdout())
+
+    def rounds() -> list:
+        return web.stdout()[since:].decode().splitlines()
+
+    wait_until(lambda: len(rounds()) >= 3, "three status rounds", timeout=harness.REPLY_WAIT)
+    assert set(rounds()) == {"taviweb: GET /api/status 200"}

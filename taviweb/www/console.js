@@ -113,8 +113,6 @@ async function statusRound() {
       showDown(status.error);
     } else if (answering === false || schema === null) {
       // tavid is back (perhaps restarted in another mode): everything is read again.
-      answering = true;
-      $("#banner").hidden = true;
       await discover(status);
     } else {
       showStatus(status);

@@ -15,8 +15,9 @@ from selenium.webdriver.support.ui import Select
 
 from conftest import DESKTOP, PHONE, harness, tavisim, transferred_bytes, wait_until
 
-# The page refreshes the status at taviweb's interval: one second keeps the tests short.
-INTERVAL = ("-i", "1")
+# The page refreshes the status at taviweb's interval: one second keeps the tests short. taviweb
+# logs every request it serves.
+TAVIWEB_ARGS = ("-i", "1", "-v")
 FIRST_LOAD_LIMIT = 150 * 1024
 SCREENSHOTS = os.environ.get("CONSOLE_SCREENSHOTS", "")
 
@@ -92,6 +93,16 @@ class Console:
             FIND_FORM + "const text = form ? form.querySelector('output').textContent : '';"
             "return text === 'Sending…' ? '' : text;", form_name)
 
+    def requests_since(self, since: int) -> list:
+        """The requests taviweb has served since its log was this long."""
+        return self.web.stdout()[since:].decode().splitlines()
+
+    def after_status_round(self):
+        """Returns once the page has asked for the status again: whatever it does at once after
+        an answer (reading a form again) was done before its timer came round."""
+        since = len(self.web.stdout())
+        wait_until(lambda: "taviweb: GET /api/status 200" in self.requests_since(since), "a status round")
+
     def screenshot(self, name: str, size, mobile: bool = False):
         """With CONSOLE_SCREENSHOTS, the top of the page in a viewport of this size, saved there."""
         if not SCREENSHOTS:
@@ -114,7 +125,7 @@ def daemon_get(daemon, obj: str, **args) -> dict:
 def started(box, tavid, taviweb, mode: str):
     daemon = tavid(box, ["-m", mode])
     harness.ready(box, daemon)
-    web = taviweb(daemon.port, INTERVAL)
+    web = taviweb(daemon.port, TAVIWEB_ARGS)
     return daemon, web
 
 
@@ -230,7 +241,11 @@ def test_an_invalid_value_shows_the_daemons_error_and_keeps_the_form(rf):
     console.type("RF output 1: Modulation", "Level (dBm)", "-5")
     console.type("RF output 1: Modulation", "Frequency (kHz)", "48200x")
     expected = "The box refused this (error 5002): JSON command has an invalid argument (frequency)"
+    since = len(console.web.stdout())
     assert console.save("RF output 1: Modulation") == expected
+    console.after_status_round()
+    assert [line for line in console.requests_since(since) if "/api/status" not in line] == [
+        "taviweb: POST /api 200"]
     frequency = console.field("RF output 1: Modulation", "Frequency (kHz)")
     assert frequency.get_attribute("aria-invalid") == "true"
     problem = console.driver.find_element(By.ID, frequency.get_attribute("aria-describedby"))
@@ -293,16 +308,8 @@ def test_tavid_stopped_shows_it_unreachable_and_its_restart_recovers(make_box, t
         "result"]["frequency"]
 
 
-def test_once_shown_the_page_only_follows_the_status_cache(make_box, tavid, taviweb, page):
-    box = make_box("rf")
-    daemon = tavid(box, ["-m", "rf"])
-    harness.ready(box, daemon)
-    web = taviweb(daemon.port, (*INTERVAL, "-v"))
-    Console(page, web).open()
-    since = len(web.stdout())
-
-    def rounds() -> list:
-        return web.stdout()[since:].decode().splitlines()
-
-    wait_until(lambda: len(rounds()) >= 3, "three status rounds", timeout=harness.REPLY_WAIT)
-    assert set(rounds()) == {"taviweb: GET /api/status 200"}
+def test_once_shown_the_page_only_follows_the_status_cache(rf):
+    box, daemon, console = rf
+    since = len(console.web.stdout())
+    wait_until(lambda: len(console.requests_since(since)) >= 3, "three status rounds", timeout=harness.REPLY_WAIT)
+    assert set(console.requests_since(since)) == {"taviweb: GET /api/status 200"}

@@ -129,9 +129,9 @@ function showStatus(status) {
   for (const [name, reply] of Object.entries(status.objects)) {
     const object = schema.get(name);
     if (!object) continue;
-    for (const element of elements(reply) ?? []) {
-      const box = document.getElementById(`status-${name}-${element[object?.id] ?? ""}`);
-      if (box) fillStatus(box, object, element);
+    for (const values of elements(reply) ?? []) {
+      const box = document.getElementById(`status-${name}-${values[object.id] ?? ""}`);
+      if (box) fillStatus(box, object, values);
     }
   }
   $("#summary").textContent = `tavid: answering · status of ${new Date(Date.now() - status.age * 1000).toLocaleTimeString()}`;
@@ -140,7 +140,7 @@ function showStatus(status) {
 // A status list, its values changed in place (a screen reader is not sent the whole list again).
 function fillStatus(box, object, values) {
   for (const [key, value] of Object.entries(values)) {
-    if (key === object?.id) continue;
+    if (key === object.id) continue;
     const shown = [...box.querySelectorAll("dd")].find((detail) => detail.dataset.status === key);
     if (shown) {
       if (shown.textContent !== value) shown.textContent = value;
@@ -174,7 +174,7 @@ async function discover(status) {
   for (const [name, reply] of Object.entries(status.objects)) {
     const object = schema.get(name);
     if (!object) continue;
-    for (const element of elements(reply) ?? []) group(object.id, element[object.id]).parts.push({ object, status: element });
+    for (const values of elements(reply) ?? []) group(object.id, values[object.id]).parts.push({ object, status: values });
   }
   for (const object of schema.values()) {
     // A whole record (the one the settings file keeps) is shown through its parts.
@@ -191,10 +191,10 @@ async function discover(status) {
       continue;
     }
     const byInstance = new Map();
-    for (const element of found) {
-      const value = object.id ? element[object.id] : "";
+    for (const values of found) {
+      const value = object.id ? values[object.id] : "";
       if (!byInstance.has(value)) byInstance.set(value, []);
-      byInstance.get(value).push(element);
+      byInstance.get(value).push(values);
     }
     for (const [value, list] of byInstance) group(object.id, value).parts.push({ object, elements: list });
   }

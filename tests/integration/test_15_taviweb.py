@@ -193,7 +193,7 @@ def test_a_request_from_another_site_is_403(rf_box, taviweb):
 def test_unknown_paths_and_methods(rf_box, taviweb):
     box, daemon = rf_box
     web = taviweb(daemon.port, LONG)
-    assert (fetch(web.url + "/").status, fetch(web.url + "/").body) == (404, error_body("no such path"))
+    assert (fetch(web.url + "/nope").status, fetch(web.url + "/nope").body) == (404, error_body("no such path"))
     answer = fetch(web.url + "/api")
     assert (answer.status, answer.headers["allow"], answer.body) == (
         405, "POST", error_body("method not allowed; allowed: POST"))

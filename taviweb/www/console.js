@@ -111,8 +111,8 @@ async function statusRound() {
     interval = status.interval;
     if (!status.up) {
       showDown(status.error);
-    } else if (answering === false || schema === null) {
-      // tavid is back (perhaps restarted in another mode): everything is read again.
+    } else if (answering === false || schema === null || !sameNames(status)) {
+      // tavid is back, or runs another output mode: everything is read again.
       await discover(status);
     } else {
       showStatus(status);
@@ -122,6 +122,8 @@ async function statusRound() {
   }
   statusTimer = setTimeout(statusRound, interval * 1000);
 }
+
+const sameNames = (status) => Object.keys(status.objects).join() === [...statusNames].join();
 
 function showStatus(status) {
   answering = true;
@@ -398,7 +400,9 @@ function formEnd(object, values, group, form, shown, fields, render) {
     const texts = action === "execute" ? changes.map((field) => CONFIRMATIONS[field.key]).filter((text) => typeof text === "string") : [];
     const title = `${label(object.name)}: ${changes.map((field) => field.control.value).join(", ")}`;
     if (texts.length && !(await confirmed(title, texts.join(" ")))) return;
-    await submit(form, fields, output, action, object, args, () => reread(shown, object, group, values, render));
+    // A set is read back; what an execute changes (a mode: tavid restarts) the status rounds bring.
+    await submit(form, fields, output, action, object, args,
+      () => (action === "set" ? reread(shown, object, group, values, render) : kept(shown, fields)));
   });
   return parts;
 }
@@ -439,6 +443,11 @@ function markField(fields, description, problem) {
   if (!field) return;
   field.control.setAttribute("aria-invalid", "true");
   field.parts[2].textContent = problem;
+}
+
+function kept(shown, fields) {
+  for (const field of fields) field.control.dataset.value = field.control.value;
+  return shown;
 }
 
 // After a change, the object is read again: the page shows what the box now holds.

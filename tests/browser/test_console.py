@@ -46,7 +46,8 @@ class Console:
         return self.driver.find_element(By.CSS_SELECTOR, css).text
 
     def headings(self) -> list:
-        return [node.text for node in self.driver.find_elements(By.CSS_SELECTOR, "main h2")]
+        return self.driver.execute_script(
+            "return [...document.querySelectorAll('main h2')].map((heading) => heading.textContent);")
 
     def status(self, heading: str) -> dict:
         """The status list of a section: label -> value."""
@@ -313,3 +314,31 @@ def test_once_shown_the_page_only_follows_the_status_cache(rf):
     since = len(console.web.stdout())
     wait_until(lambda: len(console.requests_since(since)) >= 3, "three status rounds", timeout=harness.REPLY_WAIT)
     assert set(console.requests_since(since)) == {"taviweb: GET /api/status 200"}
+
+
+def test_a_mode_change_asks_first_and_the_console_follows_the_box_into_it(rf):
+    box, daemon, console = rf
+    name = "Box: Output mode"
+    Select(console.field(name, "Output mode")).select_by_value("ip_mpts")
+    dialog = console.driver.find_element(By.ID, "confirm")
+    console.form(name).find_element(By.XPATH, ".//button[.='Apply']").click()
+    wait_until(dialog.is_displayed, "the confirmation")
+    assert dialog.text.splitlines() == [
+        "Output mode: ip_mpts?",
+        "The box changes its output mode: that mode's factory settings replace the current settings and tavid "
+        "restarts.",
+        "Cancel", "Output mode: ip_mpts"]
+    dialog.find_element(By.XPATH, ".//button[.='Cancel']").click()
+    harness.barrier(daemon)
+    assert box.calls() == []
+    console.form(name).find_element(By.XPATH, ".//button[.='Apply']").click()
+    wait_until(dialog.is_displayed, "the confirmation")
+    dialog.find_element(By.XPATH, ".//button[.='Output mode: ip_mpts']").click()
+    assert daemon.wait() == 0
+    assert [(name, args) for _, name, args in box.calls()] == [("tavid", ["restart"])]
+    wait_until(lambda: "IP output" in console.headings(), "the console in the new mode")
+    console.wait_ready()
+    assert console.headings() == ["Box", "Settings and maintenance", "HDMI input 0", "HDMI input 1", "HDMI input 2",
+                                  "HDMI input 3", "IP output", "Hardware debug code 0", "Hardware debug code 1",
+                                  "Hardware debug code 2", "Hardware debug code 3"]
+    assert Select(console.field(name, "Output mode")).first_selected_option.text == "ip_mpts"

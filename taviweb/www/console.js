@@ -344,7 +344,8 @@ function renderRow(object, values, group) {
   const form = element("form", { id: `form-${nextId++}`, novalidate: "" });
   form.setAttribute("aria-label", `${group.title}: ${label(object.name)} · ${title}`);
   const fields = fieldSpecs(object, values).map((spec) => renderField(spec, form.id));
-  const row = element("tr", {}, ...identity(object, values).map(([, value]) => element("th", { scope: "row", text: value })),
+  const row = element("tr", {}, ...identity(object, values).map(([key, value]) =>
+    element("th", { scope: "row", "data-label": label(key), text: value })),
     ...fields.map((field) => element("td", { class: field.editable ? "" : "fixed" }, ...field.parts)));
   form.append(...formEnd(object, values, group, form, row, fields, (fresh) => renderRow(object, fresh, group)));
   row.append(element("td", {}, form));

@@ -13,7 +13,7 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support.ui import Select
 
-from conftest import DESKTOP, PHONE, harness, tavisim, transferred_bytes, wait_until
+from conftest import DESKTOP, PHONE, harness, transferred_bytes, wait_until
 
 # The page refreshes the status at taviweb's interval: one second keeps the tests short. taviweb
 # logs every request it serves.
@@ -94,6 +94,19 @@ class Console:
             FIND_FORM + "const text = form ? form.querySelector('output').textContent : '';"
             "return text === 'Sending…' ? '' : text;", form_name)
 
+    def asked(self, button) -> list:
+        """Presses a button that asks first: the confirmation's lines, left open."""
+        button.click()
+        dialog = self.driver.find_element(By.ID, "confirm")
+        wait_until(dialog.is_displayed, "the confirmation")
+        return dialog.text.splitlines()
+
+    def answer(self, choice: str):
+        """Closes the confirmation with its button of this text."""
+        dialog = self.driver.find_element(By.ID, "confirm")
+        dialog.find_element(By.XPATH, f".//button[.='{choice}']").click()
+        wait_until(lambda: not dialog.is_displayed(), "the confirmation closed")
+
     def requests_since(self, since: int) -> list:
         """The requests taviweb has served since its log was this long."""
         return self.web.stdout()[since:].decode().splitlines()
@@ -136,6 +149,17 @@ def rf(make_box, tavid, taviweb, page):
     box = make_box("rf")
     daemon, web = started(box, tavid, taviweb, "rf")
     return box, daemon, Console(page, web).open()
+
+
+def cancelled_then_confirmed(console: Console, button, question: list, box, daemon):
+    """A button that asks first, pressed and cancelled (nothing reaches the box: an answer of
+    tavid after it proves no request came before), pressed again and confirmed."""
+    assert console.asked(button) == question
+    console.answer("Cancel")
+    harness.barrier(daemon)
+    assert box.calls() == []
+    assert console.asked(button) == question
+    console.answer(question[-1])
 
 
 def schema_words(console: Console, obj: str, arg: str) -> list:
@@ -263,23 +287,12 @@ def test_a_reset_asks_first_and_once_confirmed_runs_the_boxs_reset(rf):
     wait_until(lambda: console.message(f"{maintenance}: Store the settings") == "Done.", "the store's answer")
     assert box.stored_settings()["records"][0] == {"action": "set", "object": "device",
                                                    "args": {"output_mode": "rf", "device_id": "0"}}
-    dialog = console.driver.find_element(By.ID, "confirm")
     button = console.form(f"{maintenance}: Reset").find_element(By.XPATH, ".//button[.='Reset (level 2)']")
-    button.click()
-    wait_until(dialog.is_displayed, "the confirmation")
-    assert dialog.text.splitlines() == [
-        "Reset (level 2)?",
-        "Erases the stored settings of the inputs and outputs and the streaming interface's (eth1) settings, "
-        "then the box reboots.",
-        "Cancel", "Reset (level 2)"]
-    dialog.find_element(By.XPATH, ".//button[.='Cancel']").click()
-    wait_until(lambda: not dialog.is_displayed(), "the confirmation closed")
-    harness.barrier(daemon)
-    assert box.calls() == []
-    assert os.path.exists(box.path("data/settings.conf"))
-    button.click()
-    wait_until(dialog.is_displayed, "the confirmation")
-    dialog.find_element(By.XPATH, ".//button[.='Reset (level 2)']").click()
+    question = ["Reset (level 2)?",
+                "Erases the stored settings of the inputs and outputs and the streaming interface's (eth1) settings, "
+                "then the box reboots.",
+                "Cancel", "Reset (level 2)"]
+    cancelled_then_confirmed(console, button, question, box, daemon)
     wait_until(lambda: console.message(f"{maintenance}: Reset") == "Done.", "the reset's answer")
     assert [(name, args) for _, name, args in box.calls()] == [("reboot", [])]
     assert not os.path.exists(box.path("data/settings.conf"))
@@ -320,20 +333,12 @@ def test_a_mode_change_asks_first_and_the_console_follows_the_box_into_it(rf):
     box, daemon, console = rf
     name = "Box: Output mode"
     Select(console.field(name, "Output mode")).select_by_value("ip_mpts")
-    dialog = console.driver.find_element(By.ID, "confirm")
-    console.form(name).find_element(By.XPATH, ".//button[.='Apply']").click()
-    wait_until(dialog.is_displayed, "the confirmation")
-    assert dialog.text.splitlines() == [
-        "Output mode: ip_mpts?",
-        "The box changes its output mode: that mode's factory settings replace the current settings and tavid "
-        "restarts.",
-        "Cancel", "Output mode: ip_mpts"]
-    dialog.find_element(By.XPATH, ".//button[.='Cancel']").click()
-    harness.barrier(daemon)
-    assert box.calls() == []
-    console.form(name).find_element(By.XPATH, ".//button[.='Apply']").click()
-    wait_until(dialog.is_displayed, "the confirmation")
-    dialog.find_element(By.XPATH, ".//button[.='Output mode: ip_mpts']").click()
+    apply = console.form(name).find_element(By.XPATH, ".//button[.='Apply']")
+    question = ["Output mode: ip_mpts?",
+                "The box changes its output mode: that mode's factory settings replace the current settings and tavid "
+                "restarts.",
+                "Cancel", "Output mode: ip_mpts"]
+    cancelled_then_confirmed(console, apply, question, box, daemon)
     assert daemon.wait() == 0
     assert [(name, args) for _, name, args in box.calls()] == [("tavid", ["restart"])]
     wait_until(lambda: "IP output" in console.headings(), "the console in the new mode")

@@ -58,10 +58,10 @@ async function fetchJSON(path, options) {
   try {
     response = await fetch(path, { cache: "no-cache", ...options });
   } catch (failure) {
-    throw new Unreachable(`taviweb does not answer (${failure.message})`);
+    throw new Unreachable(`taviweb does not answer: ${failure.message}`);
   }
   const body = await response.json().catch(() => null);
-  if (response.status === 502) throw new Unreachable(body?.error ?? "tavid does not answer");
+  if (response.status === 502) throw new Unreachable(`tavid does not answer: ${body?.error}`);
   if (!response.ok) throw new Error(body?.error ?? `HTTP ${response.status}`);
   return body;
 }
@@ -95,9 +95,10 @@ function replyText(reply) {
 // ---------------------------------------------------------------------------------------------
 // The banner and the status rounds
 
+// Who does not answer and why, in words: "tavid does not answer: <taviweb's reason>".
 function showDown(why) {
   const banner = $("#banner");
-  banner.textContent = `tavid does not answer: ${why}. The console tries again by itself.`;
+  banner.textContent = `${why}. The console tries again by itself.`;
   banner.hidden = false;
   answering = false;
   $("#summary").textContent = "tavid: not answering";
@@ -110,7 +111,7 @@ async function statusRound() {
     const status = await fetchJSON("api/status");
     interval = status.interval;
     if (!status.up) {
-      showDown(status.error);
+      showDown(`tavid does not answer: ${status.error}`);
     } else if (answering === false || schema === null || !sameNames(status)) {
       // tavid is back, or runs another output mode: everything is read again.
       await discover(status);

@@ -1,7 +1,9 @@
 """The operator's console in a browser, against the real daemon and the box simulator: what it
-shows of a box in RF and IP modes, a change of each kind reaching the simulated box, the daemon's
-refusals shown in words beside the form that keeps what was typed, the reset's confirmation, tavid
-stopped and started again, the size of the first load, and no error in the browser's console.
+shows of a box in RF and IP modes, changes reaching the simulated box, the daemon's refusals shown
+in words beside the form that keeps what was typed, the confirmations of a reset and of a change
+of output mode (which the console then follows), tavid stopped and started again, a page that
+asks for nothing but the status cache once shown, the size of the first load, and (the `page`
+fixture) no error in the browser's console.
 """
 
 import json

@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs the Debian packages the host build and its tests need, when any is missing.
 # Each argument adds a group: "board" (the 32-bit ARM build), "fuzz" (the libFuzzer harnesses),
-# "lint" (the static analysis).
+# "lint" (the static analysis), "browser" (the operator console's tests in headless Chromium).
 set -eu
 
 # libmicrohttpd and libcrypt for taviweb; Prometheus (with promtool), openssl and curl for its tests
@@ -13,7 +13,8 @@ for group in "$@"; do
     board) packages="$packages g++-arm-linux-gnueabihf qemu-user file binutils-arm-linux-gnueabihf" ;;
     fuzz) packages="$packages clang libclang-rt-14-dev iproute2" ;;
     lint) packages="$packages clang clang-tidy cppcheck" ;;
-    *) echo "usage: scripts/deps.sh [board] [fuzz] [lint]" >&2; exit 2 ;;
+    browser) packages="$packages chromium chromium-driver python3-selenium" ;;
+    *) echo "usage: scripts/deps.sh [board] [fuzz] [lint] [browser]" >&2; exit 2 ;;
   esac
 done
 

@@ -1,13 +1,15 @@
 #!/bin/sh
 # Static analysis: clang-tidy and cppcheck over the daemon and its libraries (src/, lnklist/, i2c/,
-# gpio/, it9300/), the clients (client/, tavictl/, taviweb/), the unit tests (tests/unit/), the
+# gpio/, it9300/), the clients (client/, tavictl/, taviweb/), the exporter of the protocol's
+# description (schema/), the unit tests (tests/unit/), the
 # fuzzing harnesses (fuzz/) and the soak's heap probe (scripts/soak_heap.c, which the soak builds
 # itself, outside CMake). Fails on any finding. The checks are the checked-in configuration:
 # .clang-tidy (tests/unit/.clang-tidy, fuzz/.clang-tidy and taviweb/.clang-tidy adjust it there)
 # and .cppcheck-suppressions with the cppcheck options below.
 #   scripts/lint.sh [build-dir]
-# The build directory (default build/lint) only needs configuring: the host build's compile
-# commands, unit tests included, and in <build-dir>/fuzz-db those of the harnesses (clang).
+# The build directory (default build/lint) only needs configuring (and taviweb's generated sources,
+# which this script builds): the host build's compile commands, unit tests included, and in
+# <build-dir>/fuzz-db those of the harnesses (clang).
 set -eu
 
 cd "$(dirname "$0")/.."
@@ -16,12 +18,16 @@ build="${1:-build/lint}"
 scripts/deps.sh lint
 
 cmake -S . -B "$build" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >/dev/null
+# taviweb's generated sources: the routes include a header made from the console's files, and the
+# compile commands name the built-in files' sources (the description of the protocol among them,
+# which the daemon's modules and their exporter are built for).
+cmake --build "$build" -j2 --target taviweb_generated >/dev/null
 CC=clang CXX=clang++ cmake -S . -B "$build/fuzz-db" -DTAVID_FUZZ=ON -DTAVID_TESTS=OFF \
   -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >/dev/null
 
 # The slowest first, so that the two jobs end together.
 files=$(printf '%s\n' tests/unit/test_*.cpp fuzz/fuzz_*.cpp src/*.cpp lnklist/src/*.cpp i2c/src/*.cpp \
-  gpio/src/*.cpp it9300/src/*.cpp client/src/*.cpp tavictl/src/*.cpp taviweb/src/*.cpp)
+  gpio/src/*.cpp it9300/src/*.cpp client/src/*.cpp tavictl/src/*.cpp taviweb/src/*.cpp schema/src/*.cpp)
 
 started=$(date +%s)
 tidy_status=0

@@ -79,6 +79,12 @@ def steps() -> list:
         Step("asan-unit", "scripts/ctest.sh build/test -j2 -E '^integration$'",
              needs=("asan-build",), cores=1, netns=True, env=SANITIZER_ENV),
         Step("asan-integration", host_integration, needs=("asan-build",), netns=True, env=SANITIZER_ENV),
+        # The operator's console in headless Chromium, served by that build's taviweb in front of
+        # its daemon. Every test must pass: a skipped one (no browser) fails the step.
+        Step("asan-browser", "TAVID_BIN=$PWD/build/test/src/tavid TAVIWEB_BIN=$PWD/build/test/taviweb/taviweb "
+             f"{py} -m pytest -q -rs -p no:cacheprovider tests/browser "
+             "| tee /dev/stderr | grep -q '^[0-9]* passed in '",
+             needs=("asan-build",), cores=1, netns=True, env=SANITIZER_ENV),
         # The ARM build with a box root: every unit test and the integration suite on the daemon
         # under qemu-arm.
         Step("sysroot", "scripts/armhf-sysroot.sh"),

@@ -45,7 +45,8 @@ echo
 echo
 echo "tavid runs on port $port with the box root $root (its log: $root/tavid.out);"
 echo "try: $tavictl get output_rf, or --help."
-echo "taviweb serves http://$web (its log: $root/taviweb.out):"
+echo "taviweb serves http://$web (its log: $root/taviweb.out): open http://$web/ in a browser for the"
+echo "operator's console, or:"
 echo "  curl -s http://$web/metrics"
 echo "  curl -s -H 'Content-Type: application/json' -d '{\"action\":\"get\",\"object\":\"device\",\"args\":{\"device_id\":\"0\"}}' http://$web/api"
 echo "Ctrl-C stops them."

@@ -578,10 +578,20 @@ constexpr const char* const* cmd_reset_levels[] = {cmd_reset_level0, cmd_reset_l
                                                    cmd_reset_level3};
 constexpr const char* cmd_reset_level_names[] = {"0", "1", "2", "3"};
 
+const char* cmd_reset_level_word(size_t n) {
+  return n < sizeof(cmd_reset_level_names) / sizeof(cmd_reset_level_names[0]) ? cmd_reset_level_names[n]
+                                                                              : NULL;
+}
+
 }  // namespace
 
+const cmd_json_arg_t cmd_json_reset_args[] = {
+    {"level", NULL, NULL, 1, cmd_reset_level_word},
+    {NULL, NULL, NULL, 0},
+};
+
 cmd_json_err_t cmd_reset(hal_object_t*, json_t* j_val) {
-  const char* level = json_string_value(json_object_get(j_val, "level"));
+  const char* level = json_string_value(json_object_get(j_val, cmd_json_reset_args[0].name));
   if (level == NULL) return CMD_JSON_ARG_MANDATORY;
   for (size_t i = 0; i < sizeof(cmd_reset_levels) / sizeof(cmd_reset_levels[0]); i++) {
     if (strcmp(level, cmd_reset_level_names[i]) != 0) continue;

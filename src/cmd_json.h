@@ -54,11 +54,20 @@ typedef struct cmd_json_object_t {
   cmd_json_take_t store;
 } cmd_json_object_t;
 
+/* The n-th word an argument takes, NULL past the last. */
+typedef const char* (*cmd_json_words_t)(size_t n);
+
 typedef struct cmd_json_arg_t {
   const char* name;
   cmd_json_put_t set;
   cmd_json_take_t get;
   uint8_t mandatory_for_set;
+  /* What the description of the protocol (schema/) tells of the value; the dispatch does not
+   * read them. words: only these words are taken (NULL: decimal or free text); args: an object
+   * of these arguments; items: an array of objects of these arguments. */
+  cmd_json_words_t words;
+  const struct cmd_json_arg_t* args;
+  const struct cmd_json_arg_t* items;
 } cmd_json_arg_t;
 
 extern cmd_json_object_t cmd_json_objects[CMD_JSON_OBJECT_COUNT];
@@ -185,6 +194,8 @@ cmd_json_err_t cmd_json_get_tsout(hal_object_t* object, json_t** j_val) {
 cmd_json_err_t cmd_store_settings(hal_object_t* hal_object, json_t* j_val);
 cmd_json_err_t cmd_restore_settings(hal_object_t* hal_object, json_t* j_val);
 cmd_json_err_t cmd_reset(hal_object_t* hal_object, json_t* j_val);
+/* The key of a reset, "level", and the levels it takes. */
+extern const cmd_json_arg_t cmd_json_reset_args[];
 
 /* Ends a store whose records went to `tmp`, opened on the temporary settings file, and whose
  * result so far is `err`: closes it and, when everything succeeded, puts it on the disk and in

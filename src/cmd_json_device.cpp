@@ -18,6 +18,11 @@ const cmd_json_device_mode_t cmd_json_device_modes[] = {
     {HAL_DEVICE_IP_MPTS, "ip_mpts"},
 };
 
+const char* cmd_json_device_mode_word(size_t n) {
+  return n < sizeof(cmd_json_device_modes) / sizeof(cmd_json_device_modes[0]) ? cmd_json_device_modes[n].name
+                                                                              : NULL;
+}
+
 hal_device_t* cmd_json_device(hal_object_t* object) { return reinterpret_cast<hal_device_t*>(object); }
 
 /* Millidegrees are cut, not rounded, to whole degrees: 45999 is 45. */
@@ -55,7 +60,8 @@ const cmd_json_arg_t cmd_json_device_status_args[] = {
 };
 
 const cmd_json_arg_t cmd_json_device_args[] = {
-    {"output_mode", cmd_json_device_set_output_mode, cmd_json_device_get_output_mode, 0},
+    {"output_mode", cmd_json_device_set_output_mode, cmd_json_device_get_output_mode, 0,
+     cmd_json_device_mode_word},
     {NULL, NULL, NULL, 0},
 };
 

@@ -44,7 +44,7 @@ CMD_JSON_TSOUT_HANDLERS(hal_input_hdmi_t, cmd_json_set_input_hdmi_stream, cmd_js
 /* The encoder's bitrates have no key: only the GOP size is reachable. */
 const cmd_json_arg_t cmd_json_input_hdmi_ext_args[] = {
     {"video_gopsize", cmd_json_input_hdmi_set_video_gopsize, cmd_json_input_hdmi_get_video_gopsize, 0},
-    {"ts", cmd_json_input_hdmi_set_ts_ext, cmd_json_input_hdmi_get_ts_ext, 0},
+    {"ts", cmd_json_input_hdmi_set_ts_ext, cmd_json_input_hdmi_get_ts_ext, 0, NULL, cmd_json_ts_ext_args},
     {NULL, NULL, NULL, 0},
 };
 
@@ -58,6 +58,12 @@ CMD_JSON_TABLE_HANDLERS(cmd_json_set_input_hdmi_ext, cmd_json_get_input_hdmi_ext
 CMD_JSON_TABLE_HANDLERS(cmd_json_set_input_hdmi_enc, cmd_json_get_input_hdmi_enc,
                         cmd_json_input_hdmi_enc_args)
 
+const cmd_json_arg_t cmd_json_input_hdmi_status_keys[] = {
+    {"lock", NULL, NULL, 0}, {"video_format", NULL, NULL, 0}, {NULL, NULL, NULL, 0}};
+
+const cmd_json_arg_t cmd_json_input_hdmi_debug_code_keys[] = {
+    {"code", NULL, NULL, 1}, {"state", NULL, NULL, 1}, {NULL, NULL, NULL, 0}};
+
 cmd_json_err_t cmd_json_get_input_hdmi_status(hal_object_t* object, json_t** j_val) {
   hal_input_hdmi_t* hdmi = cmd_json_hdmi(object);
   if (hal_input_hdmi_get_status(hdmi) != HAL_OK) return CMD_JSON_UNSUCCESSFUL;
@@ -65,8 +71,9 @@ cmd_json_err_t cmd_json_get_input_hdmi_status(hal_object_t* object, json_t** j_v
   snprintf(video_format, sizeof(video_format), "%u%c%u", static_cast<unsigned>(hdmi->status.video_height),
            hdmi->status.video_scan_mode, static_cast<unsigned>(hdmi->status.video_frame_rate));
   return cmd_json_text_object(__func__,
-                              {{"lock", cmd_json_decimal(static_cast<uint32_t>(hdmi->status.lock)).text},
-                               {"video_format", video_format}},
+                              {{cmd_json_input_hdmi_status_keys[0].name,
+                                cmd_json_decimal(static_cast<uint32_t>(hdmi->status.lock)).text},
+                               {cmd_json_input_hdmi_status_keys[1].name, video_format}},
                               j_val);
 }
 
@@ -74,8 +81,10 @@ cmd_json_err_t cmd_json_set_input_hdmi_hw_debug_code(hal_object_t* object, json_
   if (!json_is_object(j_val)) return CMD_JSON_ARG_FRMT_ERR;
   uint32_t state = 0;
   uint32_t code = 0;
-  cmd_json_err_t err = cmd_json_required(__func__, &state, "state", j_val);
-  if (err == CMD_JSON_OK) err = cmd_json_required(__func__, &code, "code", j_val);
+  cmd_json_err_t err =
+      cmd_json_required(__func__, &state, cmd_json_input_hdmi_debug_code_keys[1].name, j_val);
+  if (err == CMD_JSON_OK)
+    err = cmd_json_required(__func__, &code, cmd_json_input_hdmi_debug_code_keys[0].name, j_val);
   if (err != CMD_JSON_OK) return err;
   hal_input_hdmi_t* hdmi = cmd_json_hdmi(object);
   if (hal_input_hdmi_set_hw_debug_code(hdmi, static_cast<uint8_t>(code), static_cast<uint8_t>(state)) !=
@@ -93,6 +102,8 @@ cmd_json_err_t cmd_json_get_input_hdmi_hw_debug_code(hal_object_t* object, json_
   if (hal_input_hdmi_get_hw_debug_code(cmd_json_hdmi(object), CMD_JSON_INPUT_HDMI_DEBUG_CODE, &enable) !=
       HAL_OK)
     return CMD_JSON_UNSUCCESSFUL;
-  return cmd_json_text_object(__func__, {{"state", cmd_json_decimal(static_cast<uint32_t>(enable)).text}},
-                              j_val);
+  return cmd_json_text_object(
+      __func__,
+      {{cmd_json_input_hdmi_debug_code_keys[1].name, cmd_json_decimal(static_cast<uint32_t>(enable)).text}},
+      j_val);
 }

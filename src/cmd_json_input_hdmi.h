@@ -19,6 +19,11 @@ cmd_json_err_t cmd_json_set_input_hdmi_service(hal_object_t* object, json_t* j_v
 cmd_json_err_t cmd_json_get_input_hdmi_services(hal_object_t* object, json_t** j_val);
 cmd_json_err_t cmd_json_set_input_hdmi_stream(hal_object_t* object, json_t* j_val);
 cmd_json_err_t cmd_json_get_input_hdmi_streams(hal_object_t* object, json_t** j_val);
+/* The keys of the status, in the order of the reply, and of the debug code ("code", "state": a
+ * set needs both, a get gives the last). */
+extern const cmd_json_arg_t cmd_json_input_hdmi_status_keys[];
+extern const cmd_json_arg_t cmd_json_input_hdmi_debug_code_keys[];
+
 /* {"lock", "video_format"} as last read from the encoder. */
 cmd_json_err_t cmd_json_get_input_hdmi_status(hal_object_t* object, json_t** j_val);
 /* Set takes "state" and "code"; get reports the state of code 50 whatever was set. */

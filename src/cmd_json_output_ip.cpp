@@ -77,7 +77,7 @@ CMD_JSON_TSOUT_HANDLERS(hal_output_ip_t, cmd_json_output_ip_set_ts_ext, cmd_json
 
 const cmd_json_arg_t cmd_json_output_ip_ext_args[] = {
     CMD_JSON_OUTPUT_IP_DST_ROWS,
-    {"ts", cmd_json_output_ip_set_ts_ext, cmd_json_output_ip_get_ts_ext, 0},
+    {"ts", cmd_json_output_ip_set_ts_ext, cmd_json_output_ip_get_ts_ext, 0, NULL, cmd_json_ts_ext_args},
     {NULL, NULL, NULL, 0},
 };
 

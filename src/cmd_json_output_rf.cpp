@@ -106,8 +106,14 @@ cmd_json_err_t cmd_json_output_rf_get_word(hal_err_t (*getter)(hal_output_rf_t*,
   return CMD_JSON_ARG_OOB;
 }
 
+template <typename E, size_t N>
+const char* cmd_json_output_rf_word_at(const cmd_json_output_rf_word_t<E> (&words)[N], size_t n) {
+  return n < N ? words[n].text : NULL;
+}
+
 /* cmd_json_output_rf_set_<field> and cmd_json_output_rf_get_<field> over hal_output_rf_set_<field>
- * and hal_output_rf_get_<field>: a number read and written as `Number`, or a word of `words`. */
+ * and hal_output_rf_get_<field>: a number read and written as `Number`, or a word of `words`
+ * (then cmd_json_output_rf_words_<field> lists them). */
 #define CMD_JSON_OUTPUT_RF_NUMBER(field, Number)                                                      \
   cmd_json_err_t cmd_json_output_rf_set_##field(hal_object_t* object, json_t* j_val) {                \
     return cmd_json_output_rf_set_number<Number>(hal_output_rf_set_##field, object, j_val);           \
@@ -122,7 +128,8 @@ cmd_json_err_t cmd_json_output_rf_get_word(hal_err_t (*getter)(hal_output_rf_t*,
   }                                                                                                \
   cmd_json_err_t cmd_json_output_rf_get_##field(hal_object_t* object, json_t** j_val) {            \
     return cmd_json_output_rf_get_word(hal_output_rf_get_##field, words, __func__, object, j_val); \
-  }
+  }                                                                                                \
+  const char* cmd_json_output_rf_words_##field(size_t n) { return cmd_json_output_rf_word_at(words, n); }
 
 CMD_JSON_OUTPUT_RF_WORD(type, cmd_json_output_rf_types)
 CMD_JSON_OUTPUT_RF_NUMBER(frequency, uint32_t)
@@ -150,25 +157,33 @@ CMD_JSON_TSOUT_HANDLERS(hal_output_rf_t, cmd_json_set_output_rf_service, cmd_jso
 
 /* The modulation rows both tables share. */
 // clang-format off
-#define CMD_JSON_OUTPUT_RF_MOD_ROWS                                                                          \
-  {"type", cmd_json_output_rf_set_type, cmd_json_output_rf_get_type, 0},                                     \
-  {"frequency", cmd_json_output_rf_set_frequency, cmd_json_output_rf_get_frequency, 0},                      \
-  {"level", cmd_json_output_rf_set_level, cmd_json_output_rf_get_level, 0},                                  \
-  {"bandwidth", cmd_json_output_rf_set_bandwidth, cmd_json_output_rf_get_bandwidth, 0},                      \
-  {"symbolrate", cmd_json_output_rf_set_symbolrate, cmd_json_output_rf_get_symbolrate, 0},                   \
-  {"constellation", cmd_json_output_rf_set_constellation, cmd_json_output_rf_get_constellation, 0},          \
-  {"guardinterval", cmd_json_output_rf_set_guardinterval, cmd_json_output_rf_get_guardinterval, 0},          \
-  {"coderate", cmd_json_output_rf_set_coderate, cmd_json_output_rf_get_coderate, 0},                         \
-  {"fftmode", cmd_json_output_rf_set_fftmode, cmd_json_output_rf_get_fftmode, 0},                            \
-  {"carriertype", cmd_json_output_rf_set_carriertype, cmd_json_output_rf_get_carriertype, 0},                \
-  {"interleave", cmd_json_output_rf_set_interleave, cmd_json_output_rf_get_interleave, 0},                   \
-  {"syncframe", cmd_json_output_rf_set_syncframe, cmd_json_output_rf_get_syncframe, 0},                      \
+#define CMD_JSON_OUTPUT_RF_MOD_ROWS                                                                           \
+  {"type", cmd_json_output_rf_set_type, cmd_json_output_rf_get_type, 0,                                       \
+   cmd_json_output_rf_words_type},                                                                            \
+  {"frequency", cmd_json_output_rf_set_frequency, cmd_json_output_rf_get_frequency, 0},                       \
+  {"level", cmd_json_output_rf_set_level, cmd_json_output_rf_get_level, 0},                                   \
+  {"bandwidth", cmd_json_output_rf_set_bandwidth, cmd_json_output_rf_get_bandwidth, 0},                       \
+  {"symbolrate", cmd_json_output_rf_set_symbolrate, cmd_json_output_rf_get_symbolrate, 0},                    \
+  {"constellation", cmd_json_output_rf_set_constellation, cmd_json_output_rf_get_constellation, 0,            \
+   cmd_json_output_rf_words_constellation},                                                                   \
+  {"guardinterval", cmd_json_output_rf_set_guardinterval, cmd_json_output_rf_get_guardinterval, 0,            \
+   cmd_json_output_rf_words_guardinterval},                                                                   \
+  {"coderate", cmd_json_output_rf_set_coderate, cmd_json_output_rf_get_coderate, 0,                           \
+   cmd_json_output_rf_words_coderate},                                                                        \
+  {"fftmode", cmd_json_output_rf_set_fftmode, cmd_json_output_rf_get_fftmode, 0,                              \
+   cmd_json_output_rf_words_fftmode},                                                                         \
+  {"carriertype", cmd_json_output_rf_set_carriertype, cmd_json_output_rf_get_carriertype, 0,                  \
+   cmd_json_output_rf_words_carriertype},                                                                     \
+  {"interleave", cmd_json_output_rf_set_interleave, cmd_json_output_rf_get_interleave, 0,                     \
+   cmd_json_output_rf_words_interleave},                                                                      \
+  {"syncframe", cmd_json_output_rf_set_syncframe, cmd_json_output_rf_get_syncframe, 0,                        \
+   cmd_json_output_rf_words_syncframe},                                                                       \
   {"enabled", cmd_json_output_rf_set_enable, cmd_json_output_rf_get_enable, 0}
 // clang-format on
 
 const cmd_json_arg_t cmd_json_output_rf_ext_args[] = {
     CMD_JSON_OUTPUT_RF_MOD_ROWS,
-    {"ts", cmd_json_output_rf_set_ts_ext, cmd_json_output_rf_get_ts_ext, 0},
+    {"ts", cmd_json_output_rf_set_ts_ext, cmd_json_output_rf_get_ts_ext, 0, NULL, cmd_json_ts_ext_args},
     {NULL, NULL, NULL, 0},
 };
 
@@ -176,6 +191,14 @@ const cmd_json_arg_t cmd_json_output_rf_mod_args[] = {CMD_JSON_OUTPUT_RF_MOD_ROW
 
 CMD_JSON_TABLE_HANDLERS(cmd_json_set_output_rf_ext, cmd_json_get_output_rf_ext, cmd_json_output_rf_ext_args)
 CMD_JSON_TABLE_HANDLERS(cmd_json_set_output_rf_mod, cmd_json_get_output_rf_mod, cmd_json_output_rf_mod_args)
+
+const cmd_json_arg_t cmd_json_output_rf_status_keys[] = {{"max_bitrate", NULL, NULL, 0},
+                                                         {"overflow", NULL, NULL, 0},
+                                                         {"bitrate", NULL, NULL, 0},
+                                                         {NULL, NULL, NULL, 0}};
+
+const cmd_json_arg_t cmd_json_output_rf_cal_keys[] = {
+    {"enabled", NULL, NULL, 1}, {"i", NULL, NULL, 1}, {"q", NULL, NULL, 1}, {NULL, NULL, NULL, 0}};
 
 cmd_json_err_t cmd_json_get_output_rf_status(hal_object_t* object, json_t** j_val) {
   hal_output_rf_t* rf = cmd_json_rf(object);
@@ -185,9 +208,10 @@ cmd_json_err_t cmd_json_get_output_rf_status(hal_object_t* object, json_t** j_va
   /* Only a flag of exactly 1 is an overflow. */
   return cmd_json_text_object(
       __func__,
-      {{"max_bitrate", cmd_json_decimal(static_cast<uint32_t>(rf->status.max_bitrate_kbps)).text},
-       {"overflow", rf->status.overflow == 1 ? "yes" : "no"},
-       {"bitrate", cmd_json_decimal(bitrate_kbps).text}},
+      {{cmd_json_output_rf_status_keys[0].name,
+        cmd_json_decimal(static_cast<uint32_t>(rf->status.max_bitrate_kbps)).text},
+       {cmd_json_output_rf_status_keys[1].name, rf->status.overflow == 1 ? "yes" : "no"},
+       {cmd_json_output_rf_status_keys[2].name, cmd_json_decimal(bitrate_kbps).text}},
       j_val);
 }
 
@@ -196,9 +220,9 @@ cmd_json_err_t cmd_json_set_output_rf_cal(hal_object_t* object, json_t* j_val) {
   uint32_t enabled = 0;
   int32_t i = 0;
   int32_t q = 0;
-  cmd_json_err_t err = cmd_json_required(__func__, &enabled, "enabled", j_val);
-  if (err == CMD_JSON_OK) err = cmd_json_required(__func__, &i, "i", j_val);
-  if (err == CMD_JSON_OK) err = cmd_json_required(__func__, &q, "q", j_val);
+  cmd_json_err_t err = cmd_json_required(__func__, &enabled, cmd_json_output_rf_cal_keys[0].name, j_val);
+  if (err == CMD_JSON_OK) err = cmd_json_required(__func__, &i, cmd_json_output_rf_cal_keys[1].name, j_val);
+  if (err == CMD_JSON_OK) err = cmd_json_required(__func__, &q, cmd_json_output_rf_cal_keys[2].name, j_val);
   if (err != CMD_JSON_OK) return err;
   if (hal_output_rf_set_cal(cmd_json_rf(object), static_cast<int8_t>(i), static_cast<int8_t>(q),
                             static_cast<uint8_t>(enabled)) != HAL_OK)
@@ -213,8 +237,9 @@ cmd_json_err_t cmd_json_get_output_rf_cal(hal_object_t* object, json_t** j_val) 
   int8_t i = 0;
   int8_t q = 0;
   if (hal_output_rf_get_cal(cmd_json_rf(object), &i, &q) != HAL_OK) return CMD_JSON_UNSUCCESSFUL;
-  return cmd_json_text_object(__func__,
-                              {{"i", cmd_json_decimal(static_cast<int32_t>(i)).text},
-                               {"q", cmd_json_decimal(static_cast<int32_t>(q)).text}},
-                              j_val);
+  return cmd_json_text_object(
+      __func__,
+      {{cmd_json_output_rf_cal_keys[1].name, cmd_json_decimal(static_cast<int32_t>(i)).text},
+       {cmd_json_output_rf_cal_keys[2].name, cmd_json_decimal(static_cast<int32_t>(q)).text}},
+      j_val);
 }

@@ -228,7 +228,8 @@ const cmd_json_arg_t cmd_json_ts_args[] = {CMD_JSON_TS_ROWS, {NULL, NULL, NULL, 
 
 const cmd_json_arg_t cmd_json_ts_ext_args[] = {
     CMD_JSON_TS_ROWS,
-    {"services", cmd_json_ts_set_services_ext, cmd_json_ts_get_services_ext, 0},
+    {"services", cmd_json_ts_set_services_ext, cmd_json_ts_get_services_ext, 0, NULL, NULL,
+     cmd_json_service_ext_args},
     {NULL, NULL, NULL, 0},
 };
 
@@ -236,7 +237,8 @@ const cmd_json_arg_t cmd_json_service_args[] = {CMD_JSON_SERVICE_ROWS, {NULL, NU
 
 const cmd_json_arg_t cmd_json_service_ext_args[] = {
     CMD_JSON_SERVICE_ROWS,
-    {"streams", cmd_json_service_set_streams, cmd_json_service_get_streams, 0},
+    {"streams", cmd_json_service_set_streams, cmd_json_service_get_streams, 0, NULL, NULL,
+     cmd_json_stream_args},
     {NULL, NULL, NULL, 0},
 };
 

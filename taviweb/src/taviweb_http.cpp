@@ -89,7 +89,7 @@ enum MHD_Result taviweb_http_respond(taviweb_call_t* call, struct MHD_Connection
       response.body.size(), const_cast<char*>(response.body.data()), MHD_RESPMEM_MUST_COPY));
   if (!mhd) return MHD_NO;
   MHD_add_response_header(mhd.get(), MHD_HTTP_HEADER_CONTENT_TYPE, response.content_type.c_str());
-  MHD_add_response_header(mhd.get(), MHD_HTTP_HEADER_CACHE_CONTROL, "no-store");
+  MHD_add_response_header(mhd.get(), MHD_HTTP_HEADER_CACHE_CONTROL, response.cache_control.c_str());
   MHD_add_response_header(mhd.get(), "X-Content-Type-Options", "nosniff");
   for (const auto& [name, value] : response.headers) MHD_add_response_header(mhd.get(), name.c_str(), value.c_str());
   call->answered = true;
@@ -107,6 +107,7 @@ enum MHD_Result taviweb_http_begin(taviweb_http_t* server, taviweb_call_t* call,
   request->origin = taviweb_http_header(connection, MHD_HTTP_HEADER_ORIGIN);
   request->content_type = taviweb_http_header(connection, MHD_HTTP_HEADER_CONTENT_TYPE);
   request->authorization = taviweb_http_header(connection, MHD_HTTP_HEADER_AUTHORIZATION);
+  request->if_none_match = taviweb_http_header(connection, MHD_HTTP_HEADER_IF_NONE_MATCH);
   request->content_length = taviweb_http_length(connection);
   taviweb_admission_t admission = taviweb_route_admit(server->app(), server->routes(), *request);
   call->route = admission.route;

@@ -20,6 +20,7 @@ typedef struct taviweb_request_t {
   std::optional<std::string> origin;
   std::optional<std::string> content_type;
   std::optional<std::string> authorization;
+  std::optional<std::string> if_none_match;
   std::optional<uint64_t> content_length;
   std::string body;
 } taviweb_request_t;
@@ -27,6 +28,7 @@ typedef struct taviweb_request_t {
 typedef struct taviweb_response_t {
   unsigned status = 200;
   std::string content_type = TAVIWEB_JSON_TYPE;
+  std::string cache_control = "no-store"; /* answers of the box are never kept */
   std::string body;
   std::vector<std::pair<std::string, std::string>> headers;
 } taviweb_response_t;

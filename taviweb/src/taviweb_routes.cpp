@@ -3,7 +3,10 @@
 #include <string.h>
 
 #include "taviweb_api.h"
+#include "taviweb_files.h"
 #include "taviweb_metrics.h"
+#include "taviweb_schema.h"
+#include "taviweb_www_routes.h"
 
 namespace {
 
@@ -40,10 +43,23 @@ void taviweb_route_metrics(taviweb_app_t* app, const taviweb_request_t&,
   });
 }
 
+/* A file of the console: the route's path names it. */
+void taviweb_route_www(taviweb_app_t*, const taviweb_request_t& request,
+                       const std::shared_ptr<taviweb_responder_t>& responder) {
+  responder->send(taviweb_file_response(*taviweb_file_find(taviweb_www, request.path), request));
+}
+
+void taviweb_route_schema(taviweb_app_t*, const taviweb_request_t& request,
+                          const std::shared_ptr<taviweb_responder_t>& responder) {
+  responder->send(taviweb_file_response(taviweb_schema.rows[0], request));
+}
+
 const taviweb_route_t taviweb_route_rows[] = {
     {"POST", "/api", false, TAVIWEB_API_BODY_MAX, taviweb_api_admit, taviweb_route_api},
     {"GET", "/api/status", false, 0, NULL, taviweb_route_status},
     {"GET", "/metrics", true, 0, NULL, taviweb_route_metrics},
+    {"GET", "/api/schema", false, 0, NULL, taviweb_route_schema},
+    TAVIWEB_WWW_ROUTES(taviweb_route_www)
 };
 
 bool taviweb_route_takes(const taviweb_route_t& route, const std::string& method) {

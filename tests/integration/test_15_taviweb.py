@@ -6,6 +6,7 @@ Environment: TAVIWEB_BIN names the taviweb binary (the tests are skipped without
 the daemon's; TAVID_LAUNCHER is put in front of both.
 """
 
+import hashlib
 import json
 import re
 import signal
@@ -13,6 +14,7 @@ import socket
 import subprocess
 import threading
 import time
+from pathlib import Path
 
 import pytest
 
@@ -23,6 +25,11 @@ GET_DEVICE = b'{"action":"get","object":"device","args":{"device_id":"0"}}'
 METRICS_TYPE = "text/plain; version=0.0.4; charset=utf-8"
 # A long refresh interval: every status request of a test falls into one round.
 LONG = ("-i", "600")
+# The console's files, as built into taviweb.
+WWW = Path(__file__).resolve().parents[2] / "taviweb" / "www"
+WWW_TYPES = {".html": "text/html; charset=utf-8", ".js": "text/javascript; charset=utf-8",
+             ".css": "text/css; charset=utf-8", ".svg": "image/svg+xml", ".json": "application/json",
+             ".png": "image/png", ".ico": "image/x-icon"}
 # The output status object of each mode.
 OUTPUT_STATUS = {"rf": "output_rf_status", "ip_spts": "output_ip_status", "ip_mpts": "output_ip_status"}
 
@@ -188,7 +195,7 @@ def test_a_request_from_another_site_is_403(rf_box, taviweb):
 def test_unknown_paths_and_methods(rf_box, taviweb):
     box, daemon = rf_box
     web = taviweb(daemon.port, LONG)
-    assert (fetch(web.url + "/").status, fetch(web.url + "/").body) == (404, error_body("no such path"))
+    assert (fetch(web.url + "/nope").status, fetch(web.url + "/nope").body) == (404, error_body("no such path"))
     answer = fetch(web.url + "/api")
     assert (answer.status, answer.headers["allow"], answer.body) == (
         405, "POST", error_body("method not allowed; allowed: POST"))
@@ -423,6 +430,115 @@ def test_without_authentication_no_password_is_asked(rf_box, taviweb):
     box, daemon = rf_box
     web = taviweb(daemon.port, LONG)
     assert fetch(web.url + "/api/status", headers=basic("anyone", "anything")).status == 200
+
+
+# ---------------------------------------------------------------------------------------------
+# The console's files
+
+
+def www_files() -> dict:
+    """Path -> the file's bytes: every file of the folder at /<name>, and index.html at /."""
+    files = {"/" + path.name: path.read_bytes() for path in sorted(WWW.iterdir())}
+    files["/"] = files["/index.html"]
+    return files
+
+
+def www_type(path: str) -> str:
+    return WWW_TYPES[Path("/index.html" if path == "/" else path).suffix]
+
+
+def etag_of(content: bytes) -> str:
+    return '"' + hashlib.sha256(content).hexdigest()[:32] + '"'
+
+
+def test_every_file_of_the_console_is_served_with_its_type_and_tag(rf_box, taviweb):
+    box, daemon = rf_box
+    web = taviweb(daemon.port, LONG)
+    files = www_files()
+    assert len(files) >= 2
+    for path, content in files.items():
+        answer = fetch(web.url + path)
+        assert (answer.status, answer.body) == (200, content), path
+        assert answer.headers["content-type"] == www_type(path)
+        assert answer.headers["cache-control"] == "no-cache"
+        assert answer.headers["etag"] == etag_of(content)
+        assert answer.headers["content-length"] == str(len(content))
+        assert answer.headers["x-content-type-options"] == "nosniff"
+        head = fetch(web.url + path, "HEAD")
+        assert (head.status, head.body, head.headers["content-length"]) == (200, b"", str(len(content)))
+    assert fetch(web.url + "/index.htm").status == 404
+    assert fetch(web.url + "/", "POST", b"x").status == 405
+
+
+def test_a_reload_of_an_unchanged_file_costs_a_304(rf_box, taviweb):
+    box, daemon = rf_box
+    web = taviweb(daemon.port, LONG)
+    for path, content in www_files().items():
+        tag = etag_of(content)
+        for sent in (tag, f'W/{tag}', f'"other", {tag}', "*"):
+            answer = fetch(web.url + path, headers={"If-None-Match": sent})
+            assert (answer.status, answer.body) == (304, b""), (path, sent)
+            assert (answer.headers["etag"], answer.headers["cache-control"]) == (tag, "no-cache")
+        changed = fetch(web.url + path, headers={"If-None-Match": '"' + "0" * 32 + '"'})
+        assert (changed.status, changed.body) == (200, content), path
+    metrics = fetch(web.url + "/metrics").body.decode()
+    assert 'tavi_web_http_requests_total{path="/",code="304"} 4' in metrics
+    assert 'tavi_web_http_requests_total{path="/",code="200"} 1' in metrics
+
+
+def test_with_authentication_the_console_needs_the_password(rf_box, taviweb, users):
+    box, daemon = rf_box
+    web = taviweb(daemon.port, [*LONG, "--auth", users])
+    for path, content in www_files().items():
+        for headers in ({}, basic("operator", "open sesamE")):
+            answer = fetch(web.url + path, headers=headers)
+            assert (answer.status, answer.body) == (401, error_body("authentication required")), path
+            assert answer.headers["www-authenticate"] == 'Basic realm="taviweb", charset="UTF-8"'
+        refused_304 = fetch(web.url + path, headers={"If-None-Match": etag_of(content)})
+        assert refused_304.status == 401
+        answer = fetch(web.url + path, headers=basic("operator", "open sesame"))
+        assert (answer.status, answer.body) == (200, content), path
+
+
+# ---------------------------------------------------------------------------------------------
+# The description of the protocol
+
+
+def test_the_description_of_the_protocol_is_what_the_daemon_answers(rf_box, taviweb):
+    """Every object's get on the RF box gives the arguments the description lists, in its order."""
+    box, daemon = rf_box
+    web = taviweb(daemon.port, LONG)
+    answer = fetch(web.url + "/api/schema")
+    assert answer.status == 200
+    assert (answer.headers["content-type"], answer.headers["cache-control"]) == ("application/json", "no-cache")
+    assert fetch(web.url + "/api/schema", headers={"If-None-Match": answer.headers["etag"]}).status == 304
+    objects = answer.json()["objects"]
+    assert objects[0]["name"] == "device_status" and objects[-1]["name"] == "reset"
+    checked = []
+    for described in objects:
+        if "get" not in described["actions"] or "id" not in described or described.get("list"):
+            continue
+        request_body = json.dumps({"action": "get", "object": described["name"], "args": {described["id"]: "0"}})
+        reply = json.loads(post_api(web, request_body.encode()).body)
+        if "result" not in reply:
+            continue  # an object of another mode's hardware
+        given = [arg["name"] for arg in described["args"] if arg.get("get", True)]
+        assert list(reply["result"]) == [*given, described["id"]], described["name"]
+        for arg in described["args"]:
+            if "words" in arg:
+                assert reply["result"][arg["name"]] in arg["words"], (described["name"], arg["name"])
+        checked.append(described["name"])
+    assert checked == ["device_status", "device", "input_hdmi", "input_hdmi_enc", "input_hdmi_ts",
+                       "input_hdmi_status", "debug_code", "output_calibration", "output_rf", "output_rf_mod",
+                       "output_rf_ts", "output_rf_status"]
+
+
+def test_with_authentication_the_description_needs_the_password(rf_box, taviweb, users):
+    box, daemon = rf_box
+    web = taviweb(daemon.port, [*LONG, "--auth", users])
+    assert fetch(web.url + "/api/schema").status == 401
+    assert fetch(web.url + "/api/schema", headers=basic("operator", "open sesame")).json()["objects"][0] == {
+        "name": "device_status", "id": "device_id", "actions": ["get"], "args": [{"name": "temperature"}]}
 
 
 # ---------------------------------------------------------------------------------------------

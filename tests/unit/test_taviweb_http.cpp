@@ -30,6 +30,11 @@ void handle_now(taviweb_app_t*, const taviweb_request_t& request,
   response.content_type = "text/plain";
   response.body = request.method + " " + request.path + " " + std::to_string(request.body.size());
   response.headers.emplace_back("X-Test", "now");
+  /* A conditional request: its tag is read, and the answer may be kept by the browser. */
+  if (request.if_none_match) {
+    response.cache_control = "no-cache";
+    response.headers.emplace_back("X-If-None-Match", *request.if_none_match);
+  }
   responder->send(std::move(response));
 }
 
@@ -117,6 +122,15 @@ class TaviwebHttp : public testing::Test {
   taviweb_app_t app_{nullptr, &tavid_, &status_, &stats_};
   taviweb_http_t http_{&app_, test_routes, false};
 };
+
+TEST_F(TaviwebHttp, TheIfNoneMatchHeaderReachesTheRouteAndItsCacheControlTheClient) {
+  std::string response =
+      exchange("GET /now HTTP/1.1\r\nHost: x\r\nIf-None-Match: \"ab\", W/\"c\"\r\nConnection: close\r\n\r\n");
+  EXPECT_EQ(status_line(response), "HTTP/1.1 200 OK");
+  EXPECT_NE(response.find("\r\nX-If-None-Match: \"ab\", W/\"c\"\r\n"), std::string::npos) << response;
+  EXPECT_NE(response.find("\r\nCache-Control: no-cache\r\n"), std::string::npos) << response;
+  EXPECT_EQ(response.find("no-store"), std::string::npos) << response;
+}
 
 TEST_F(TaviwebHttp, ARouteAnswersWithItsStatusTypeHeadersAndBody) {
   std::string response = exchange("GET /now HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");

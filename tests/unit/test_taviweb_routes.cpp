@@ -3,7 +3,9 @@
 #include <memory>
 #include <string>
 
+#include "taviweb_files.h"
 #include "taviweb_routes.h"
+#include "taviweb_schema.h"
 #include "taviweb_test_support.h"
 
 namespace {
@@ -58,7 +60,8 @@ class TaviwebRoutes : public testing::Test {
 };
 
 TEST_F(TaviwebRoutes, TheTableServesTheApiItsStatusAndTheMetrics) {
-  ASSERT_EQ(taviweb_routes.count, 3u);
+  /* and the description of the protocol, and the console: a row per file, and "/" for its index */
+  ASSERT_EQ(taviweb_routes.count, 4u + taviweb_www.count + 1u);
   expect_route(api(), "POST", "/api");
   expect_route(request("GET", "/api/status"), "GET", "/api/status");
   expect_route(request("HEAD", "/api/status"), "GET", "/api/status");
@@ -69,8 +72,51 @@ TEST_F(TaviwebRoutes, TheTableServesTheApiItsStatusAndTheMetrics) {
   EXPECT_TRUE(taviweb_routes.rows[2].open);
 }
 
+TEST_F(TaviwebRoutes, TheDescriptionOfTheProtocolIsBuiltInBehindTheAuthentication) {
+  expect_route(request("GET", "/api/schema"), "GET", "/api/schema");
+  auto caught = std::make_shared<caught_t>();
+  taviweb_route_handle(&app_, admit(request("GET", "/api/schema")).route, request("GET", "/api/schema"), false,
+                       caught);
+  taviweb_response_t response = caught->wait();
+  EXPECT_EQ(response.status, 200u);
+  EXPECT_EQ(response.content_type, "application/json");
+  EXPECT_EQ(response.cache_control, "no-cache");
+  EXPECT_EQ(response.body.rfind("{\"objects\":[{\"name\":\"device_status\",\"id\":\"device_id\"", 0), 0u);
+  EXPECT_EQ(response.headers, (std::vector<std::pair<std::string, std::string>>{{"ETag", taviweb_schema.rows[0].etag}}));
+  use_auth();
+  expect_refusal(request("GET", "/api/schema"), 401, "{\"error\":\"authentication required\"}");
+  EXPECT_TRUE(fake_tavid.taken().empty());
+}
+
+TEST_F(TaviwebRoutes, EveryFileOfTheConsoleIsARouteBehindTheAuthentication) {
+  expect_route(request("GET", "/"), "GET", "/");
+  expect_route(request("HEAD", "/"), "GET", "/");
+  for (size_t n = 0; n < taviweb_www.count; n++) {
+    std::string path = std::string("/") + taviweb_www.rows[n].name;
+    expect_route(request("GET", path.c_str()), "GET", path.c_str());
+    auto caught = std::make_shared<caught_t>();
+    taviweb_route_handle(&app_, admit(request("GET", path.c_str())).route, request("GET", path.c_str()), false,
+                         caught);
+    taviweb_response_t response = caught->wait();
+    EXPECT_EQ(response.status, 200u);
+    EXPECT_EQ(response.body, std::string(reinterpret_cast<const char*>(taviweb_www.rows[n].bytes),
+                                         taviweb_www.rows[n].size));
+  }
+  expect_refusal(request("POST", "/"), 405, "{\"error\":\"method not allowed; allowed: GET, HEAD\"}");
+  use_auth();
+  expect_refusal(request("GET", "/index.html"), 401, "{\"error\":\"authentication required\"}");
+  taviweb_request_t authorized = request("GET", "/");
+  authorized.authorization = kRight;
+  expect_route(authorized, "GET", "/");
+  auto caught = std::make_shared<caught_t>();
+  taviweb_route_handle(&app_, admit(authorized).route, authorized, false, caught);
+  EXPECT_EQ(caught->wait().body.rfind("<!DOCTYPE html>", 0), 0u);
+  EXPECT_TRUE(fake_tavid.taken().empty());
+}
+
 TEST_F(TaviwebRoutes, UnknownPathsAndMethods) {
-  expect_refusal(request("GET", "/"), 404, "{\"error\":\"no such path\"}");
+  expect_refusal(request("GET", "/index"), 404, "{\"error\":\"no such path\"}");
+  expect_refusal(request("GET", "/index.html/"), 404, "{\"error\":\"no such path\"}");
   expect_refusal(request("GET", "/api/"), 404, "{\"error\":\"no such path\"}");
   expect_refusal(request("GET", "/metrics/x"), 404, "{\"error\":\"no such path\"}");
   expect_refusal(request("GET", "/api"), 405, "{\"error\":\"method not allowed; allowed: POST\"}");

@@ -18,12 +18,13 @@ build="${1:-build/lint}"
 scripts/deps.sh lint
 
 cmake -S . -B "$build" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >/dev/null
-# taviweb's generated sources: the routes include a header made from the console's files, and the
-# compile commands name the built-in files' sources (the description of the protocol among them,
-# which the daemon's modules and their exporter are built for).
+# taviweb's generated sources, in both databases: the routes include a header made from the
+# console's files, and the compile commands name the built-in files' sources (the description of
+# the protocol among them, which the daemon's modules and their exporter are built for).
 cmake --build "$build" -j2 --target taviweb_generated >/dev/null
 CC=clang CXX=clang++ cmake -S . -B "$build/fuzz-db" -DTAVID_FUZZ=ON -DTAVID_TESTS=OFF \
   -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >/dev/null
+cmake --build "$build/fuzz-db" -j2 --target taviweb_generated >/dev/null
 
 # The slowest first, so that the two jobs end together.
 files=$(printf '%s\n' tests/unit/test_*.cpp fuzz/fuzz_*.cpp src/*.cpp lnklist/src/*.cpp i2c/src/*.cpp \

@@ -24,7 +24,7 @@ min_rate() {
   case "$1" in
     fuzz_cmd_json) echo 40 ;;
     fuzz_mod_tarn_reply) echo 1000 ;;
-    fuzz_settings_restore) echo 8 ;;
+    fuzz_settings_restore) echo 3 ;;
     fuzz_netsettings) echo 150 ;;
     fuzz_cmd_channel) echo 12 ;;
     fuzz_taviweb) echo 500 ;;

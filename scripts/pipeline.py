@@ -91,8 +91,10 @@ def steps() -> list:
         Step("arm-build", "scripts/build-board.sh --host-root --no-tests", needs=("sysroot",), cores=2),
         Step("arm-unit", "scripts/ctest.sh build-board-hostroot -j2 -E '^integration$'",
              needs=("arm-build",), cores=1, netns=True),
+        # After the unit tests: ctest lists each test program's cases when it starts, under
+        # qemu-arm, and two ctests at once in one build would write those lists together.
         Step("arm-integration", "scripts/ctest.sh build-board-hostroot -R '^integration$'",
-             needs=("arm-build",), netns=True),
+             needs=("arm-unit",), netns=True),
         # The board's own build (the box's paths): the binary that ships, its checks and the tests
         # of the box paths.
         Step("board-build", "scripts/build-board.sh", needs=("sysroot",), cores=2),
